@@ -1,0 +1,40 @@
+# The two commands of the README: `make run` and `make test`. Both install what they need first.
+PRESET ?= default
+ARGS ?=
+
+.PHONY: setup configure build run test test-asan test-tsan fuzz bench format clean
+
+setup:
+	@bash scripts/setup.sh
+
+configure: setup
+	@cmake --preset $(PRESET) >/dev/null
+
+build: configure
+	@cmake --build --preset $(PRESET)
+
+run: build
+	./build/$(PRESET)/OrinLink/orinlink $(ARGS)
+
+test: build
+	ctest --preset $(PRESET)
+
+test-asan:
+	@$(MAKE) --no-print-directory test PRESET=asan
+
+test-tsan:
+	@$(MAKE) --no-print-directory test PRESET=tsan
+
+# Short runs of every fuzz target; FUZZ_SECONDS sets how long each one runs.
+fuzz: setup
+	@bash scripts/fuzz.sh $(or $(FUZZ_SECONDS),30)
+
+bench:
+	@$(MAKE) --no-print-directory build PRESET=release
+	@bash scripts/bench.sh
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build

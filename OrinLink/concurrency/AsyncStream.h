@@ -1,0 +1,240 @@
+#pragma once
+
+#include <deque>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include <boost/asio/any_completion_handler.hpp>
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/associated_cancellation_slot.hpp>
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/system/system_error.hpp>
+
+#include "OrinLinkShared/Assert.h"
+
+namespace orin {
+
+// A sequence of values handed from a producer on one executor to a consumer on another, with
+// unbounded buffering (a producer never waits) and an end that is either normal or an error.
+// Unlike a channel it tells the producer when the consumer has gone away, so that work feeding a
+// vanished client can be cancelled at its source.
+template <class T>
+class AsyncStream {
+  struct State;
+
+ public:
+  enum class Termination { finished, cancelled };
+  using Signature = void(std::exception_ptr, std::optional<T>);
+
+  class Continuation;
+
+  static std::pair<AsyncStream, Continuation> make() {
+    auto state = std::make_shared<State>();
+    return {AsyncStream(state), Continuation(state)};
+  }
+
+  AsyncStream(AsyncStream&&) noexcept = default;
+  AsyncStream& operator=(AsyncStream&& other) noexcept {
+    if (this != &other) {
+      cancel();
+      state_ = std::move(other.state_);
+    }
+    return *this;
+  }
+  AsyncStream(const AsyncStream&) = delete;
+  AsyncStream& operator=(const AsyncStream&) = delete;
+  // A consumer that goes away ends the stream for the producer.
+  ~AsyncStream() { cancel(); }
+
+  // The next value; nothing at the normal end; the producer's error at a failed end. Completes
+  // on the caller's executor. Cancelling the wait cancels the stream. One wait at a time.
+  template <class CompletionToken>
+  auto next(CompletionToken&& token) {
+    return boost::asio::async_initiate<CompletionToken, Signature>(
+        [state = state_](auto handler) {
+          // Taken before type erasure: the erased handler's executor cannot be posted to.
+          boost::asio::any_io_executor executor = boost::asio::get_associated_executor(handler);
+          state->wait(state, std::move(handler), std::move(executor));
+        },
+        token);
+  }
+
+  void cancel() {
+    if (state_) state_->cancel();
+  }
+
+  class Continuation {
+   public:
+    // False once the stream has ended or the consumer is gone; the value is then dropped.
+    bool yield(T value) const { return state_->yield(std::move(value)); }
+    void finish() const { state_->finish(nullptr); }
+    void finish(std::exception_ptr error) const { state_->finish(std::move(error)); }
+    bool isTerminated() const { return state_->isTerminated(); }
+    // Called once, when the producer finishes or the consumer goes away, whichever is first.
+    // May run on either side's thread.
+    void onTermination(std::function<void(Termination)> callback) const {
+      state_->setOnTermination(std::move(callback));
+    }
+
+   private:
+    friend class AsyncStream;
+    explicit Continuation(std::shared_ptr<State> state) : state_(std::move(state)) {}
+    std::shared_ptr<State> state_;
+  };
+
+ private:
+  using Handler = boost::asio::any_completion_handler<Signature>;
+
+  struct State {
+    enum class Phase { open, finished, cancelled };
+
+    std::mutex mutex;
+    std::deque<T> buffer;
+    Phase phase = Phase::open;
+    std::exception_ptr failure;
+    std::optional<Handler> waiter;
+    boost::asio::any_io_executor waiterExecutor;
+    bool deliveryScheduled = false;
+    std::function<void(Termination)> onTermination;
+    bool terminated = false;
+
+    static std::exception_ptr cancelledError() {
+      return std::make_exception_ptr(
+          boost::system::system_error(boost::asio::error::operation_aborted));
+    }
+
+    void wait(const std::shared_ptr<State>& state, Handler handler,
+              boost::asio::any_io_executor executor) {
+      std::unique_lock lock(mutex);
+      ORIN_ASSERT(!waiter, "AsyncStream::next called while another wait is pending");
+      if (!buffer.empty() || phase != Phase::open) {
+        auto [error, value] = takeNextLocked();
+        lock.unlock();
+        boost::asio::post(executor, [h = std::move(handler), error, v = std::move(value)]() mutable {
+          std::move(h)(error, std::move(v));
+        });
+        return;
+      }
+      auto slot = boost::asio::get_associated_cancellation_slot(handler);
+      if (slot.is_connected()) {
+        // Emitted on the consumer's executor, where the slot lives.
+        slot.assign([weak = std::weak_ptr<State>(state)](boost::asio::cancellation_type) {
+          if (auto alive = weak.lock()) alive->cancel();
+        });
+      }
+      waiter.emplace(std::move(handler));
+      waiterExecutor = executor;
+    }
+
+    std::pair<std::exception_ptr, std::optional<T>> takeNextLocked() {
+      if (!buffer.empty()) {
+        std::optional<T> value(std::move(buffer.front()));
+        buffer.pop_front();
+        return {nullptr, std::move(value)};
+      }
+      if (phase == Phase::cancelled) return {cancelledError(), std::nullopt};
+      return {failure, std::nullopt};
+    }
+
+    // Hands the next outcome to the waiting consumer on its own executor. The slot is cleared
+    // there too, because cancellation slots are not safe to touch from another thread.
+    void scheduleDeliveryLocked() {
+      if (!waiter || deliveryScheduled) return;
+      deliveryScheduled = true;
+      boost::asio::post(waiterExecutor, [self = weakSelf.lock()] {
+        std::unique_lock lock(self->mutex);
+        self->deliveryScheduled = false;
+        if (!self->waiter) return;
+        Handler handler = std::move(*self->waiter);
+        self->waiter.reset();
+        auto [error, value] = self->takeNextLocked();
+        lock.unlock();
+        boost::asio::get_associated_cancellation_slot(handler).clear();
+        std::move(handler)(error, std::move(value));
+      });
+    }
+
+    bool yield(T value) {
+      std::unique_lock lock(mutex);
+      if (phase != Phase::open) return false;
+      buffer.push_back(std::move(value));
+      scheduleDeliveryLocked();
+      return true;
+    }
+
+    void finish(std::exception_ptr error) {
+      std::unique_lock lock(mutex);
+      if (phase != Phase::open) return;
+      phase = Phase::finished;
+      failure = std::move(error);
+      scheduleDeliveryLocked();
+      auto callback = takeTerminationLocked();
+      lock.unlock();
+      if (callback) callback(Termination::finished);
+    }
+
+    void cancel() {
+      std::unique_lock lock(mutex);
+      if (phase == Phase::cancelled) return;
+      const bool endedEarly = phase == Phase::open;
+      phase = Phase::cancelled;
+      buffer.clear();
+      std::optional<Handler> pending = std::move(waiter);
+      waiter.reset();
+      boost::asio::any_io_executor pendingExecutor = waiterExecutor;
+      auto callback = endedEarly ? takeTerminationLocked() : nullptr;
+      lock.unlock();
+      if (pending) {
+        // Never completed inline: this may run inside the slot's own handler.
+        boost::asio::post(pendingExecutor, [h = std::move(*pending)]() mutable {
+          std::move(h)(cancelledError(), std::nullopt);
+        });
+      }
+      if (callback) callback(Termination::cancelled);
+    }
+
+    bool isTerminated() {
+      std::lock_guard lock(mutex);
+      return phase != Phase::open;
+    }
+
+    void setOnTermination(std::function<void(Termination)> callback) {
+      std::unique_lock lock(mutex);
+      if (terminated || phase != Phase::open) {
+        const Termination why =
+            phase == Phase::cancelled ? Termination::cancelled : Termination::finished;
+        const bool fire = !terminated;
+        terminated = true;
+        lock.unlock();
+        if (fire && callback) callback(why);
+        return;
+      }
+      onTermination = std::move(callback);
+    }
+
+    std::function<void(Termination)> takeTerminationLocked() {
+      if (terminated) return nullptr;
+      terminated = true;
+      return std::exchange(onTermination, nullptr);
+    }
+
+    // Set once by make(); lets a posted delivery keep the state alive.
+    std::weak_ptr<State> weakSelf;
+  };
+
+  explicit AsyncStream(std::shared_ptr<State> state) : state_(std::move(state)) {
+    state_->weakSelf = state_;
+  }
+
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace orin
