@@ -104,7 +104,9 @@ class AsyncStream {
     boost::asio::any_io_executor waiterExecutor;
     bool deliveryScheduled = false;
     std::function<void(Termination)> onTermination;
-    bool terminated = false;
+    // How the stream first ended; a consumer dropping a finished stream does not change it.
+    std::optional<Termination> ending;
+    bool terminationReported = false;
 
     static std::exception_ptr cancelledError() {
       return std::make_exception_ptr(
@@ -118,9 +120,10 @@ class AsyncStream {
       if (!buffer.empty() || phase != Phase::open) {
         auto [error, value] = takeNextLocked();
         lock.unlock();
-        boost::asio::post(executor, [h = std::move(handler), error, v = std::move(value)]() mutable {
-          std::move(h)(error, std::move(v));
-        });
+        // Init-captures, because clang 14 cannot capture a structured binding.
+        boost::asio::post(executor,
+                          [h = std::move(handler), e = std::move(error),
+                           v = std::move(value)]() mutable { std::move(h)(e, std::move(v)); });
         return;
       }
       auto slot = boost::asio::get_associated_cancellation_slot(handler);
@@ -174,6 +177,7 @@ class AsyncStream {
       std::unique_lock lock(mutex);
       if (phase != Phase::open) return;
       phase = Phase::finished;
+      ending = Termination::finished;
       failure = std::move(error);
       scheduleDeliveryLocked();
       auto callback = takeTerminationLocked();
@@ -185,6 +189,7 @@ class AsyncStream {
       std::unique_lock lock(mutex);
       if (phase == Phase::cancelled) return;
       const bool endedEarly = phase == Phase::open;
+      if (endedEarly) ending = Termination::cancelled;
       phase = Phase::cancelled;
       buffer.clear();
       std::optional<Handler> pending = std::move(waiter);
@@ -208,21 +213,21 @@ class AsyncStream {
 
     void setOnTermination(std::function<void(Termination)> callback) {
       std::unique_lock lock(mutex);
-      if (terminated || phase != Phase::open) {
-        const Termination why =
-            phase == Phase::cancelled ? Termination::cancelled : Termination::finished;
-        const bool fire = !terminated;
-        terminated = true;
+      if (ending) {
+        const bool fire = !terminationReported && callback;
+        terminationReported = terminationReported || fire;
+        const Termination why = *ending;
         lock.unlock();
-        if (fire && callback) callback(why);
+        if (fire) callback(why);
         return;
       }
       onTermination = std::move(callback);
     }
 
     std::function<void(Termination)> takeTerminationLocked() {
-      if (terminated) return nullptr;
-      terminated = true;
+      // With no callback yet, one registered later must still hear of the end.
+      if (terminationReported || !onTermination) return nullptr;
+      terminationReported = true;
       return std::exchange(onTermination, nullptr);
     }
 

@@ -5,9 +5,9 @@
 
 namespace orin {
 
-void fatalError(std::string_view message, std::source_location where) {
+void fatalError(std::string_view message, const char* file, unsigned line) {
   std::fprintf(stderr, "fatal error: %.*s (%s:%u)\n", static_cast<int>(message.size()),
-               message.data(), where.file_name(), static_cast<unsigned>(where.line()));
+               message.data(), file, line);
   std::abort();
 }
 

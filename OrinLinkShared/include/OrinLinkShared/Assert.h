@@ -1,13 +1,14 @@
 #pragma once
 
-#include <source_location>
 #include <string_view>
 
 namespace orin {
 
 // Invariants hold in every build; a broken one is a programming error, never an input error.
-[[noreturn]] void fatalError(std::string_view message,
-                             std::source_location where = std::source_location::current());
+// The call site comes from the builtins rather than std::source_location, which clang 14 (the
+// fuzzing compiler) cannot provide with libstdc++.
+[[noreturn]] void fatalError(std::string_view message, const char* file = __builtin_FILE(),
+                             unsigned line = __builtin_LINE());
 
 }  // namespace orin
 

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace orin {
+
+// Lower-case hexadecimal SHA-256 of the token's bytes: the only form in which tokens are kept or
+// compared.
+std::string tokenHash(std::string_view token);
+
+}  // namespace orin

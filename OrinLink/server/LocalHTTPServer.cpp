@@ -1,0 +1,392 @@
+#include "OrinLink/server/LocalHTTPServer.h"
+
+#include <array>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/cancellation_signal.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
+
+#include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/pairing/TokenHash.h"
+#include "OrinLink/server/HTTPParser.h"
+#include "OrinLinkShared/AIRecords.h"
+
+namespace orin {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+namespace {
+
+constexpr std::size_t readChunkBytes = 64 * 1024;
+constexpr auto lingerTime = std::chrono::seconds(1);
+constexpr std::size_t lingerMaxBytes = 4 * 1024 * 1024;
+
+HTTPResponse errorResponse(int status, std::string code, std::string message) {
+  return HTTPResponse::json(OrinLinkErrorResponse::make(std::move(code), std::move(message)),
+                            status, std::string(reasonPhrase(status)));
+}
+
+}  // namespace
+
+std::string eventStreamData(std::string_view chunk) {
+  std::string out = "data: ";
+  out.reserve(chunk.size() + 8);
+  for (const char c : chunk) {
+    if (c == '\r') continue;
+    if (c == '\n') {
+      out += "\\n";
+    } else {
+      out.push_back(c);
+    }
+  }
+  out += "\n\n";
+  return out;
+}
+
+std::string eventStreamDone() { return "event: done\ndata: {}\n\n"; }
+
+std::string eventStreamError(std::string_view description) {
+  std::string text(description);
+  for (char& c : text) {
+    if (c == '\n') c = ' ';
+  }
+  return "event: error\ndata: " + text + "\n\n";
+}
+
+struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
+  struct Connection {
+    explicit Connection(tcp::socket s) : socket(std::move(s)), lingerTimer(socket.get_executor()) {}
+    tcp::socket socket;
+    asio::steady_timer lingerTimer;
+    asio::cancellation_signal cancellation;
+    std::optional<std::string> tokenHash;
+    bool cancelled = false;
+
+    void cancel() {
+      if (cancelled) return;
+      cancelled = true;
+      cancellation.emit(asio::cancellation_type::terminal);
+      lingerTimer.cancel();
+      error_code ignored;
+      socket.close(ignored);
+    }
+  };
+
+  Core(Options o, asio::any_io_executor server, asio::any_io_executor main, Handler h)
+      : options(std::move(o)),
+        serverExecutor(std::move(server)),
+        mainExecutor(std::move(main)),
+        handler(std::move(h)),
+        acceptor(serverExecutor),
+        port(options.port) {}
+
+  Options options;
+  asio::any_io_executor serverExecutor;
+  asio::any_io_executor mainExecutor;
+  Handler handler;
+  StateChanged stateChanged;
+
+  // Touched on the server executor only.
+  tcp::acceptor acceptor;
+  std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connections;
+  std::unordered_set<std::string> revokedHashes;
+  std::uint64_t nextConnectionId = 0;
+  std::unique_ptr<ServiceAdvertiser::Registration> registration;
+
+  std::atomic<bool> running{false};
+  std::atomic<std::uint16_t> port;
+
+  void notify(bool isRunning, std::optional<std::string> message) {
+    if (!stateChanged) return;
+    asio::post(mainExecutor, [callback = stateChanged, isRunning, p = port.load(),
+                              m = std::move(message)] { callback(isRunning, p, m); });
+  }
+
+  void listen() {
+    error_code ec;
+    const auto address = options.bindAddress.value_or(asio::ip::address_v6::any());
+    const tcp::endpoint endpoint(address, options.port);
+    acceptor.open(endpoint.protocol(), ec);
+    if (!ec && address.is_v6()) acceptor.set_option(asio::ip::v6_only(false), ec);
+    if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
+    if (!ec) acceptor.bind(endpoint, ec);
+    if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
+    if (ec && !options.bindAddress && address.is_v6()) {
+      // No IPv6 on this machine: fall back to IPv4 on every interface.
+      options.bindAddress = asio::ip::address_v4::any();
+      error_code ignored;
+      acceptor.close(ignored);
+      listen();
+      return;
+    }
+    if (ec) {
+      error_code ignored;
+      acceptor.close(ignored);
+      running = false;
+      notify(false, ec.message());
+      return;
+    }
+    port = acceptor.local_endpoint().port();
+    running = true;
+    if (options.advertiser != nullptr) {
+      registration = options.advertiser->advertise(options.serviceName, std::string(serviceType),
+                                                   port, {{"api", "1"}});
+    }
+    notify(true, std::nullopt);
+    asio::co_spawn(serverExecutor, acceptLoop(shared_from_this()), asio::detached);
+  }
+
+  static asio::awaitable<void> acceptLoop(std::shared_ptr<Core> self) {
+    asio::steady_timer backoff(self->serverExecutor);
+    while (self->acceptor.is_open()) {
+      auto [ec, socket] = co_await self->acceptor.async_accept(asio::as_tuple(asio::use_awaitable));
+      if (ec == asio::error::operation_aborted || !self->acceptor.is_open()) co_return;
+      if (ec) {
+        // Out of descriptors and the like: pause instead of spinning.
+        backoff.expires_after(std::chrono::milliseconds(50));
+        co_await backoff.async_wait(asio::as_tuple(asio::use_awaitable));
+        continue;
+      }
+      self->admit(std::move(socket));
+    }
+  }
+
+  void admit(tcp::socket socket) {
+    // Tokens leave one write at a time; none may wait for the previous one's acknowledgement.
+    error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    const std::uint64_t id = nextConnectionId++;
+    auto connection = std::make_shared<Connection>(std::move(socket));
+    connections.emplace(id, connection);
+    asio::co_spawn(serverExecutor, serve(shared_from_this(), connection),
+                   asio::bind_cancellation_slot(
+                       connection->cancellation.slot(),
+                       [weak = weak_from_this(), id](std::exception_ptr) {
+                         if (auto self = weak.lock()) self->connections.erase(id);
+                       }));
+  }
+
+  static asio::awaitable<void> serve(std::shared_ptr<Core> self,
+                                     std::shared_ptr<Connection> connection) {
+    HTTPRequestReader reader;
+    std::vector<char> buffer(readChunkBytes);
+    while (true) {
+      auto [ec, received] = co_await connection->socket.async_read_some(
+          asio::buffer(buffer), asio::as_tuple(asio::use_awaitable));
+      if (connection->cancelled) co_return;
+      if (ec && ec != asio::error::eof) {
+        co_await reply(connection, HTTPResponse{HTTPStatus::internalServerError,
+                                                std::string(reasonPhrase(500)),
+                                                HTTPResponse::plainTextHeaders(), ec.message()});
+        co_return;
+      }
+      const auto status = reader.append({buffer.data(), received});
+      if (status == HTTPRequestReader::Status::tooLarge) {
+        co_await reply(connection, errorResponse(HTTPStatus::payloadTooLarge, "request_too_large",
+                                                 "Request body is too large."));
+        co_return;
+      }
+      if (status == HTTPRequestReader::Status::complete) {
+        co_await handle(self, connection, reader.take());
+        co_return;
+      }
+      if (ec == asio::error::eof) {
+        co_await reply(connection, errorResponse(HTTPStatus::badRequest, "bad_request",
+                                                 "Orin Link could not parse the request."));
+        co_return;
+      }
+    }
+  }
+
+  static asio::awaitable<void> handle(std::shared_ptr<Core> self,
+                                      std::shared_ptr<Connection> connection,
+                                      HTTPRequest request) {
+    if (auto token = request.bearerToken()) {
+      std::string hash = tokenHash(*token);
+      if (self->revokedHashes.contains(hash)) {
+        connection->cancel();
+        co_return;
+      }
+      connection->tokenHash = std::move(hash);
+    }
+    asio::co_spawn(self->serverExecutor, watchPeer(connection), asio::detached);
+    std::optional<HTTPHandlerResult> result;
+    try {
+      result = co_await asio::co_spawn(self->mainExecutor, self->handler(std::move(request)),
+                                       asio::use_awaitable);
+    } catch (...) {
+      if (connection->cancelled) co_return;
+      const std::string text = describe(std::current_exception());
+      result = HTTPHandlerResult::response(
+          HTTPResponse{HTTPStatus::internalServerError, std::string(reasonPhrase(500)),
+                       HTTPResponse::plainTextHeaders(), text});
+    }
+    if (connection->cancelled) co_return;
+    if (auto* response = std::get_if<HTTPResponse>(&result->value)) {
+      co_await write(connection, response->serialized());
+    } else {
+      co_await writeEventStream(connection, std::get<TextChunkStream>(std::move(result->value)));
+    }
+    closeAfterReply(connection);
+  }
+
+  // The one reader of a connection whose request is in hand: the peer closing or failing ends the
+  // connection, which cancels the handler or the stream feeding it. After the reply it is also
+  // what lets the peer read everything before the socket closes.
+  static asio::awaitable<void> watchPeer(std::shared_ptr<Connection> connection) {
+    std::array<char, 4096> sink{};
+    while (!connection->cancelled) {
+      auto [ec, n] = co_await connection->socket.async_read_some(
+          asio::buffer(sink), asio::as_tuple(asio::use_awaitable));
+      (void)n;
+      if (ec) break;
+    }
+    connection->cancel();
+  }
+
+  static void closeAfterReply(const std::shared_ptr<Connection>& connection) {
+    if (connection->cancelled) return;
+    error_code ec;
+    connection->socket.shutdown(tcp::socket::shutdown_send, ec);
+    if (ec) {
+      connection->cancel();
+      return;
+    }
+    connection->lingerTimer.expires_after(lingerTime);
+    connection->lingerTimer.async_wait([weak = std::weak_ptr<Connection>(connection)](error_code) {
+      if (auto c = weak.lock()) c->cancel();
+    });
+  }
+
+  // Coroutine parameters are values: a reference could outlive what it refers to.
+  static asio::awaitable<bool> write(std::shared_ptr<Connection> connection, std::string bytes) {
+    auto [ec, written] = co_await asio::async_write(connection->socket, asio::buffer(bytes),
+                                                    asio::as_tuple(asio::use_awaitable));
+    (void)written;
+    co_return !ec && !connection->cancelled;
+  }
+
+  // A reply before the request was complete: the peer may still be sending, so its input is
+  // drained for a moment; closing on unread input would reset the connection under the reply.
+  static asio::awaitable<void> reply(std::shared_ptr<Connection> connection,
+                                     HTTPResponse response) {
+    const bool written = co_await write(connection, response.serialized());
+    if (written) co_await linger(connection);
+    connection->cancel();
+  }
+
+  static asio::awaitable<void> writeEventStream(std::shared_ptr<Connection> connection,
+                                                TextChunkStream stream) {
+    const bool headWritten = co_await write(connection, std::string(eventStreamHead));
+    if (!headWritten) co_return;
+    while (true) {
+      std::optional<std::string> chunk;
+      std::exception_ptr failure;
+      try {
+        chunk = co_await stream.next(asio::use_awaitable);
+      } catch (...) {
+        failure = std::current_exception();
+      }
+      if (connection->cancelled) co_return;
+      if (failure) {
+        co_await write(connection, eventStreamError(describe(failure)));
+        break;
+      }
+      if (!chunk) {
+        co_await write(connection, eventStreamDone());
+        break;
+      }
+      const bool written = co_await write(connection, eventStreamData(*chunk));
+      if (!written) break;
+    }
+  }
+
+  static asio::awaitable<void> linger(std::shared_ptr<Connection> connection) {
+    error_code ec;
+    connection->socket.shutdown(tcp::socket::shutdown_send, ec);
+    if (ec) co_return;
+    asio::steady_timer deadline(connection->socket.get_executor());
+    deadline.expires_after(lingerTime);
+    deadline.async_wait([weak = std::weak_ptr<Connection>(connection)](error_code waitError) {
+      if (auto c = weak.lock(); c && !waitError) {
+        error_code ignored;
+        c->socket.close(ignored);
+      }
+    });
+    std::vector<char> sink(readChunkBytes);
+    std::size_t drained = 0;
+    while (drained < lingerMaxBytes) {
+      auto [readError, n] = co_await connection->socket.async_read_some(
+          asio::buffer(sink), asio::as_tuple(asio::use_awaitable));
+      if (readError) break;
+      drained += n;
+    }
+    deadline.cancel();
+  }
+
+  void stopOnExecutor() {
+    error_code ignored;
+    acceptor.close(ignored);
+    registration.reset();
+    auto open = std::move(connections);
+    connections.clear();
+    for (auto& [id, connection] : open) connection->cancel();
+  }
+
+  void revokeOnExecutor(const std::string& hash) {
+    revokedHashes.insert(hash);
+    std::vector<std::shared_ptr<Connection>> matching;
+    for (const auto& [id, connection] : connections) {
+      if (connection->tokenHash == hash) matching.push_back(connection);
+    }
+    for (const auto& connection : matching) connection->cancel();
+  }
+};
+
+LocalHTTPServer::LocalHTTPServer(Options options, asio::any_io_executor serverExecutor,
+                                 asio::any_io_executor mainExecutor, Handler handler)
+    : core_(std::make_shared<Core>(std::move(options), std::move(serverExecutor),
+                                   std::move(mainExecutor), std::move(handler))) {}
+
+LocalHTTPServer::~LocalHTTPServer() { stop(); }
+
+void LocalHTTPServer::setStateChanged(StateChanged callback) {
+  core_->stateChanged = std::move(callback);
+}
+
+void LocalHTTPServer::start() {
+  if (core_->running) return;
+  asio::post(core_->serverExecutor, [core = core_] {
+    if (!core->acceptor.is_open()) core->listen();
+  });
+}
+
+void LocalHTTPServer::stop() {
+  core_->running = false;
+  asio::post(core_->serverExecutor, [core = core_] { core->stopOnExecutor(); });
+}
+
+void LocalHTTPServer::revoke(std::string tokenHash) {
+  asio::post(core_->serverExecutor,
+             [core = core_, hash = std::move(tokenHash)] { core->revokeOnExecutor(hash); });
+}
+
+bool LocalHTTPServer::isRunning() const { return core_->running; }
+
+std::uint16_t LocalHTTPServer::port() const { return core_->port; }
+
+}  // namespace orin

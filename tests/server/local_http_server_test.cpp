@@ -1,0 +1,204 @@
+#include <future>
+#include <string>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
+#include <gtest/gtest.h>
+
+#include "OrinLink/concurrency/SerialExecutor.h"
+#include "OrinLink/pairing/TokenHash.h"
+#include "OrinLink/server/HTTPParser.h"
+#include "OrinLink/server/LocalHTTPServer.h"
+
+namespace orin {
+namespace {
+
+namespace asio = boost::asio;
+using namespace std::string_view_literals;
+using asio::ip::tcp;
+
+// A server on loopback port 0 with a handler the test chooses, and a blocking client.
+class LocalHTTPServerTest : public testing::Test {
+ protected:
+  using Respond = std::function<HTTPHandlerResult(const HTTPRequest&)>;
+
+  void startServer(Respond respond, std::uint16_t port = 0) {
+    respond_ = std::move(respond);
+    LocalHTTPServer::Options options;
+    options.port = port;
+    options.bindAddress = asio::ip::address_v4::loopback();
+    server_ = std::make_unique<LocalHTTPServer>(
+        options, serverLoop_.executor(), mainLoop_.executor(),
+        [this](HTTPRequest request) -> asio::awaitable<HTTPHandlerResult> {
+          co_return respond_(request);
+        });
+    std::promise<std::pair<bool, std::string>> ready;
+    server_->setStateChanged([&ready](bool running, std::uint16_t, std::optional<std::string> m) {
+      ready.set_value({running, m.value_or("")});
+    });
+    server_->start();
+    state_ = ready.get_future().get();
+  }
+
+  tcp::socket connect() {
+    tcp::socket socket(client_);
+    socket.connect({asio::ip::address_v4::loopback(), server_->port()});
+    return socket;
+  }
+
+  // Sends the request in pieces of `piece` bytes, optionally half-closes, reads to the end.
+  std::string exchange(std::string_view request, bool halfClose = false,
+                       std::size_t piece = std::string::npos) {
+    tcp::socket socket = connect();
+    for (std::size_t at = 0; at < request.size(); at += piece) {
+      asio::write(socket, asio::buffer(request.substr(at, piece)));
+    }
+    if (halfClose) socket.shutdown(tcp::socket::shutdown_send);
+    return readAll(socket);
+  }
+
+  static std::string readAll(tcp::socket& socket) {
+    std::string reply;
+    boost::system::error_code ec;
+    asio::read(socket, asio::dynamic_buffer(reply), ec);
+    return reply;
+  }
+
+  static HTTPHandlerResult echo(const HTTPRequest& request) {
+    return HTTPHandlerResult::response(
+        {200, "OK", {}, request.method + " " + request.path + " " + request.body});
+  }
+
+  SerialExecutor mainLoop_{"test.main"};
+  SerialExecutor serverLoop_{"test.http"};
+  asio::io_context client_;
+  Respond respond_;
+  std::unique_ptr<LocalHTTPServer> server_;
+  std::pair<bool, std::string> state_;
+};
+
+std::string statusLine(const std::string& reply) {
+  return reply.substr(0, reply.find("\r\n"));
+}
+
+std::string bodyOf(const std::string& reply) {
+  const auto at = reply.find("\r\n\r\n");
+  return at == std::string::npos ? "" : reply.substr(at + 4);
+}
+
+TEST_F(LocalHTTPServerTest, AnswersOrRefusesEachRequestShape) {
+  startServer(echo);
+  ASSERT_TRUE(state_.first);
+  const std::string head = "POST /x HTTP/1.1\r\nContent-Length: 1999955\r\n\r\n";
+  const std::string largest = head + std::string(2'000'000 - head.size(), 'a');
+  ASSERT_EQ(largest.size(), 2'000'000u);
+  struct Case {
+    std::string name;
+    std::string request;
+    bool halfClose;
+    std::size_t piece;
+    std::string status;
+    std::string body;
+  };
+  const Case cases[] = {
+      {"whole", "GET /health HTTP/1.1\r\n\r\n", false, std::string::npos, "HTTP/1.1 200 OK",
+       "GET /health "},
+      {"byte by byte", "POST /p HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc", false, 1,
+       "HTTP/1.1 200 OK", "POST /p abc"},
+      {"garbage then half-close", "nonsense", true, std::string::npos, "HTTP/1.1 400 Bad Request",
+       R"({"error":{"code":"bad_request","message":"Orin Link could not parse the request."}})"},
+      {"body cut short", "POST /p HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", true,
+       std::string::npos, "HTTP/1.1 400 Bad Request",
+       R"({"error":{"code":"bad_request","message":"Orin Link could not parse the request."}})"},
+      {"exactly the limit", largest, false, 1 << 20, "HTTP/1.1 200 OK",
+       "POST /x " + largest.substr(largest.find("\r\n\r\n") + 4)},
+      {"one byte over", largest + "b", false, 1 << 20, "HTTP/1.1 413 Payload Too Large",
+       R"({"error":{"code":"request_too_large","message":"Request body is too large."}})"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string reply = exchange(c.request, c.halfClose, c.piece);
+    EXPECT_EQ(statusLine(reply), c.status);
+    EXPECT_EQ(bodyOf(reply), c.body);
+  }
+}
+
+TEST_F(LocalHTTPServerTest, WritesEventStreamsChunkByChunk) {
+  struct Case {
+    std::string name;
+    std::optional<std::string> failure;
+    std::string ending;
+  };
+  const Case cases[] = {
+      {"normal end", std::nullopt, "event: done\ndata: {}\n\n"},
+      {"failed end", "Ollama went\naway", "event: error\ndata: Ollama went away\n\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    startServer([&c](const HTTPRequest&) {
+      auto [stream, continuation] = TextChunkStream::make();
+      for (const char* chunk : {"a", "b\nc", "d\r\n"})
+        continuation.yield(chunk);
+      if (c.failure) {
+        continuation.finish(std::make_exception_ptr(Error(*c.failure)));
+      } else {
+        continuation.finish();
+      }
+      return HTTPHandlerResult::eventStream(std::move(stream));
+    });
+    const std::string reply = exchange("POST /s HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(reply,
+              std::string(eventStreamHead) + "data: a\n\ndata: b\\nc\n\ndata: d\\n\n\n" + c.ending);
+  }
+}
+
+TEST_F(LocalHTTPServerTest, RevokedTokensAreCutOffWithoutReply) {
+  startServer(echo);
+  server_->revoke(tokenHash("old-token"));
+  EXPECT_EQ(exchange("GET /status HTTP/1.1\r\nAuthorization: Bearer old-token\r\n\r\n"), "");
+  EXPECT_EQ(statusLine(exchange("GET /status HTTP/1.1\r\nAuthorization: Bearer new\r\n\r\n")),
+            "HTTP/1.1 200 OK");
+}
+
+// A stream in flight ends for its producer when the token is revoked or the client leaves.
+TEST_F(LocalHTTPServerTest, EndingAConnectionCancelsItsProducer) {
+  for (const bool byRevocation : {true, false}) {
+    SCOPED_TRACE(byRevocation ? "revoked" : "client left");
+    std::promise<void> started;
+    std::promise<TextChunkStream::Termination> ended;
+    startServer([&](const HTTPRequest&) {
+      auto [stream, continuation] = TextChunkStream::make();
+      continuation.onTermination([&ended](auto why) { ended.set_value(why); });
+      continuation.yield("first");
+      started.set_value();
+      return HTTPHandlerResult::eventStream(std::move(stream));
+    });
+    tcp::socket socket = connect();
+    asio::write(socket, asio::buffer("GET /s HTTP/1.1\r\nAuthorization: Bearer t\r\n\r\n"sv));
+    started.get_future().wait();
+    std::string head(eventStreamHead.size() + std::string_view("data: first\n\n").size(), '\0');
+    asio::read(socket, asio::buffer(head));
+    if (byRevocation) {
+      server_->revoke(tokenHash("t"));
+      EXPECT_EQ(readAll(socket), "");
+    } else {
+      socket.close();
+    }
+    EXPECT_EQ(ended.get_future().get(), TextChunkStream::Termination::cancelled);
+  }
+}
+
+TEST_F(LocalHTTPServerTest, PortInUseIsReportedNotRetried) {
+  tcp::acceptor holder(client_, {asio::ip::address_v4::loopback(), 0});
+  startServer(echo, holder.local_endpoint().port());
+  EXPECT_FALSE(state_.first);
+  EXPECT_EQ(state_.second, "Address already in use");
+  EXPECT_FALSE(server_->isRunning());
+}
+
+}  // namespace
+}  // namespace orin
