@@ -1,12 +1,126 @@
+#include <CLI/CLI.hpp>
 #include <cstdio>
-#include <cstring>
+#include <string>
 
-// The host application's entry point. The services are wired in as their subsystems land.
-int main(int argc, char** argv) {
-  if (argc > 1 && (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "-V") == 0)) {
-    std::puts("orinlink 0.1.0");
-    return 0;
+#include "OrinLink/common/AtomicFile.h"
+#include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/core/Application.h"
+#include "OrinLink/ui/ControlClient.h"
+#include "OrinLink/ui/QRCode.h"
+
+namespace {
+
+using orin::ControlClient;
+
+ControlClient connect(const std::filesystem::path& configDirectory) {
+  const auto secret = orin::readFile(configDirectory / "control-secret");
+  if (!secret) {
+    throw orin::Error("Orin Link has not run for this user yet. Start it with: orinlink");
   }
-  std::puts("Orin Link 0.1.0: the wire model and HTTP parsing are built; the AI service comes next.");
+  std::string text = *secret;
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+    text.pop_back();
+  return ControlClient(orin::controlPort(configDirectory), text);
+}
+
+std::string minutesAndSeconds(std::int64_t seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%lld:%02lld", static_cast<long long>(seconds / 60),
+                static_cast<long long>(seconds % 60));
+  return text;
+}
+
+void printPairing(const ControlClient& client, bool codeOnly) {
+  const auto state = client.get("/api/state");
+  const auto& pairing = state["pairing"];
+  if (codeOnly) {
+    std::printf("%s\n", pairing["code"].get<std::string>().c_str());
+    return;
+  }
+  std::printf("Pairing code  %s   (%s left)\n\n", pairing["code"].get<std::string>().c_str(),
+              minutesAndSeconds(pairing["remainingSeconds"].get<std::int64_t>()).c_str());
+  std::fputs(orin::qrForTerminal(pairing["payload"].get<std::string>()).c_str(), stdout);
+  std::printf("\nEnter the code on your device, or scan the QR code.\n");
+}
+
+void printStatus(const ControlClient& client) {
+  const auto state = client.get("/api/state");
+  const auto& server = state["server"];
+  const auto& runtime = state["runtime"];
+  std::printf("AI service   %s\n", server["running"].get<bool>()
+                                       ? ("listening on port " + server["port"].dump()).c_str()
+                                       : "stopped");
+  std::printf("Ollama       %s\n",
+              runtime["available"].get<bool>() ? "reachable" : "not reachable");
+  std::printf("Model        %s%s\n", runtime["activeModel"].get<std::string>().c_str(),
+              runtime["activeModelInstalled"].get<bool>() ? "" : " (not downloaded)");
+  std::printf("Devices      %zu paired\n", state["devices"].size());
+  for (const auto& endpoint : state["endpoints"]) {
+    std::printf("Endpoint     %s  %s:%s\n", endpoint["displayName"].get<std::string>().c_str(),
+                endpoint["host"].get<std::string>().c_str(), endpoint["port"].dump().c_str());
+  }
+  std::printf("Last event   %s\n", state["lastEvent"].get<std::string>().c_str());
+}
+
+void printDevices(const ControlClient& client) {
+  const auto state = client.get("/api/state");
+  if (state["devices"].empty()) {
+    std::printf("No device is paired yet. Run `orinlink pair` to see the code.\n");
+    return;
+  }
+  for (const auto& device : state["devices"]) {
+    const auto& seen = device["lastSeenAt"];
+    std::printf("%s  %s  paired %s  last seen %s\n", device["id"].get<std::string>().c_str(),
+                device["displayName"].get<std::string>().c_str(),
+                device["pairedAt"].get<std::string>().c_str(),
+                seen.is_null() ? "never" : seen.get<std::string>().c_str());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App cli{
+      "Orin Link lends this computer to your other devices: a local AI service for paired "
+      "devices and, later, screen streaming. Run without a command to start it."};
+  cli.set_version_flag("--version", "orinlink 0.1.0");
+  std::string configDirectory = orin::defaultConfigDirectory().string();
+  std::string dataDirectory = orin::defaultDataDirectory().string();
+  bool noAdvertise = false;
+  cli.add_option("--config-dir", configDirectory, "Where settings and the control secret live")
+      ->capture_default_str();
+  cli.add_option("--data-dir", dataDirectory, "Where the paired devices are kept")
+      ->capture_default_str();
+  cli.add_flag("--no-advertise", noAdvertise, "Do not announce the service on the local network");
+
+  bool codeOnly = false;
+  auto* pair = cli.add_subcommand("pair", "Show the pairing code of the running Orin Link");
+  pair->add_flag("--code-only", codeOnly, "Print just the code, for scripts");
+  auto* status = cli.add_subcommand("status", "Show what the running Orin Link is doing");
+  std::string removeId;
+  auto* devices = cli.add_subcommand("devices", "List the paired devices");
+  devices->add_option("--remove", removeId,
+                      "Unpair the device with this id; its token stops working");
+  CLI11_PARSE(cli, argc, argv);
+
+  if (cli.get_subcommands().empty()) {
+    return orin::runApplication({configDirectory, dataDirectory, !noAdvertise});
+  }
+  try {
+    const ControlClient client = connect(configDirectory);
+    if (pair->parsed()) printPairing(client, codeOnly);
+    if (status->parsed()) printStatus(client);
+    if (devices->parsed()) {
+      if (!removeId.empty()) {
+        client.post("/api/devices/remove", {{"id", removeId}});
+        std::printf("Removed. That device must pair again to connect.\n");
+      } else {
+        printDevices(client);
+      }
+    }
+  } catch (...) {
+    std::fprintf(stderr, "orinlink: %s\n", orin::describe(std::current_exception()).c_str());
+    return 1;
+  }
   return 0;
 }

@@ -3,7 +3,7 @@ function(orin_set_warnings target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
     -Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast -Wcast-align
-    -Wnull-dereference -Wdouble-promotion -Wimplicit-fallthrough)
+    -Wdouble-promotion -Wimplicit-fallthrough)
   if(ORIN_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

@@ -9,7 +9,10 @@ packages=(
   # fuzzing (clang with libFuzzer and sanitizer runtimes)
   clang-14 libclang-rt-14-dev
   # libraries
-  nlohmann-json3-dev libboost1.81-dev libssl-dev
+  nlohmann-json3-dev libboost1.81-dev libboost-url1.81-dev libssl-dev libcli11-dev
+  libqrencode-dev libavahi-client-dev
+  # service discovery at run time and in the tests
+  dbus avahi-daemon avahi-utils
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
 )

@@ -100,7 +100,8 @@ class AsyncStream {
     std::deque<T> buffer;
     Phase phase = Phase::open;
     std::exception_ptr failure;
-    std::optional<Handler> waiter;
+    // Empty while nobody waits.
+    Handler waiter;
     boost::asio::any_io_executor waiterExecutor;
     bool deliveryScheduled = false;
     std::function<void(Termination)> onTermination;
@@ -133,7 +134,8 @@ class AsyncStream {
           if (auto alive = weak.lock()) alive->cancel();
         });
       }
-      waiter.emplace(std::move(handler));
+      // Boost 1.81's move assignment of a handler recurses; construct and swap instead.
+      Handler(std::move(handler)).swap(waiter);
       waiterExecutor = executor;
     }
 
@@ -156,8 +158,7 @@ class AsyncStream {
         std::unique_lock lock(self->mutex);
         self->deliveryScheduled = false;
         if (!self->waiter) return;
-        Handler handler = std::move(*self->waiter);
-        self->waiter.reset();
+        Handler handler = std::move(self->waiter);
         auto [error, value] = self->takeNextLocked();
         lock.unlock();
         boost::asio::get_associated_cancellation_slot(handler).clear();
@@ -192,14 +193,13 @@ class AsyncStream {
       if (endedEarly) ending = Termination::cancelled;
       phase = Phase::cancelled;
       buffer.clear();
-      std::optional<Handler> pending = std::move(waiter);
-      waiter.reset();
+      Handler pending = std::move(waiter);
       boost::asio::any_io_executor pendingExecutor = waiterExecutor;
       auto callback = endedEarly ? takeTerminationLocked() : nullptr;
       lock.unlock();
       if (pending) {
         // Never completed inline: this may run inside the slot's own handler.
-        boost::asio::post(pendingExecutor, [h = std::move(*pending)]() mutable {
+        boost::asio::post(pendingExecutor, [h = std::move(pending)]() mutable {
           std::move(h)(cancelledError(), std::nullopt);
         });
       }

@@ -24,6 +24,8 @@ std::string_view reasonPhrase(int statusCode) {
       return "Bad Request";
     case HTTPStatus::unauthorized:
       return "Unauthorized";
+    case HTTPStatus::forbidden:
+      return "Forbidden";
     case HTTPStatus::notFound:
       return "Not Found";
     case HTTPStatus::payloadTooLarge:

@@ -32,6 +32,7 @@ namespace HTTPStatus {
 inline constexpr int ok = 200;
 inline constexpr int badRequest = 400;
 inline constexpr int unauthorized = 401;
+inline constexpr int forbidden = 403;
 inline constexpr int notFound = 404;
 inline constexpr int payloadTooLarge = 413;
 inline constexpr int internalServerError = 500;

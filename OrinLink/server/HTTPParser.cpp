@@ -47,7 +47,8 @@ std::optional<ParsedHead> parseHead(std::string_view head) {
   if (found < 2) return std::nullopt;
 
   ParsedHead parsed{std::string(pieces[0]), std::string(pieces[1]), {}};
-  std::size_t lineStart = requestLineEnd == std::string_view::npos ? head.size() : requestLineEnd + 2;
+  std::size_t lineStart =
+      requestLineEnd == std::string_view::npos ? head.size() : requestLineEnd + 2;
   while (lineStart <= head.size() && requestLineEnd != std::string_view::npos) {
     const std::size_t lineEnd = std::min(head.find("\r\n", lineStart), head.size());
     const std::string_view line = head.substr(lineStart, lineEnd - lineStart);
@@ -75,7 +76,8 @@ std::optional<std::int64_t> announcedLength(const HTTPHeaders& headers) {
   }
   if (digits.empty() || digits.front() == '+' || digits.front() == '-') return std::nullopt;
   std::int64_t magnitude = 0;
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), magnitude);
+  const auto [end, error] =
+      std::from_chars(digits.data(), digits.data() + digits.size(), magnitude);
   if (error != std::errc() || end != digits.data() + digits.size()) {
     // INT64_MIN has no positive twin; it is still a valid (negative, so complete) length.
     if (negative && digits == "9223372036854775808") return INT64_MIN;
@@ -129,7 +131,8 @@ void HTTPRequestReader::receiveHead(std::string_view bytes) {
   std::size_t at = seam.find(separator);
   if (at != std::string::npos) {
     at += before - tail;
-  } else if (const std::size_t inBytes = findSeparator(bytes, 0); inBytes != std::string_view::npos) {
+  } else if (const std::size_t inBytes = findSeparator(bytes, 0);
+             inBytes != std::string_view::npos) {
     at = before + inBytes;
   } else {
     head_.append(bytes);

@@ -57,7 +57,9 @@ std::string eventStreamData(std::string_view chunk) {
   return out;
 }
 
-std::string eventStreamDone() { return "event: done\ndata: {}\n\n"; }
+std::string eventStreamDone() {
+  return "event: done\ndata: {}\n\n";
+}
 
 std::string eventStreamError(std::string_view description) {
   std::string text(description);
@@ -173,11 +175,11 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     auto connection = std::make_shared<Connection>(std::move(socket));
     connections.emplace(id, connection);
     asio::co_spawn(serverExecutor, serve(shared_from_this(), connection),
-                   asio::bind_cancellation_slot(
-                       connection->cancellation.slot(),
-                       [weak = weak_from_this(), id](std::exception_ptr) {
-                         if (auto self = weak.lock()) self->connections.erase(id);
-                       }));
+                   asio::bind_cancellation_slot(connection->cancellation.slot(),
+                                                [weak = weak_from_this(), id](std::exception_ptr) {
+                                                  if (auto self = weak.lock())
+                                                    self->connections.erase(id);
+                                                }));
   }
 
   static asio::awaitable<void> serve(std::shared_ptr<Core> self,
@@ -189,9 +191,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
           asio::buffer(buffer), asio::as_tuple(asio::use_awaitable));
       if (connection->cancelled) co_return;
       if (ec && ec != asio::error::eof) {
-        co_await reply(connection, HTTPResponse{HTTPStatus::internalServerError,
-                                                std::string(reasonPhrase(500)),
-                                                HTTPResponse::plainTextHeaders(), ec.message()});
+        co_await reply(connection,
+                       HTTPResponse{HTTPStatus::internalServerError, std::string(reasonPhrase(500)),
+                                    HTTPResponse::plainTextHeaders(), ec.message()});
         co_return;
       }
       const auto status = reader.append({buffer.data(), received});
@@ -213,8 +215,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   }
 
   static asio::awaitable<void> handle(std::shared_ptr<Core> self,
-                                      std::shared_ptr<Connection> connection,
-                                      HTTPRequest request) {
+                                      std::shared_ptr<Connection> connection, HTTPRequest request) {
     if (auto token = request.bearerToken()) {
       std::string hash = tokenHash(*token);
       if (self->revokedHashes.contains(hash)) {
@@ -231,9 +232,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     } catch (...) {
       if (connection->cancelled) co_return;
       const std::string text = describe(std::current_exception());
-      result = HTTPHandlerResult::response(
-          HTTPResponse{HTTPStatus::internalServerError, std::string(reasonPhrase(500)),
-                       HTTPResponse::plainTextHeaders(), text});
+      result = HTTPHandlerResult::response(HTTPResponse{HTTPStatus::internalServerError,
+                                                        std::string(reasonPhrase(500)),
+                                                        HTTPResponse::plainTextHeaders(), text});
     }
     if (connection->cancelled) co_return;
     if (auto* response = std::get_if<HTTPResponse>(&result->value)) {
@@ -344,7 +345,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     registration.reset();
     auto open = std::move(connections);
     connections.clear();
-    for (auto& [id, connection] : open) connection->cancel();
+    for (auto& [id, connection] : open)
+      connection->cancel();
   }
 
   void revokeOnExecutor(const std::string& hash) {
@@ -353,7 +355,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     for (const auto& [id, connection] : connections) {
       if (connection->tokenHash == hash) matching.push_back(connection);
     }
-    for (const auto& connection : matching) connection->cancel();
+    for (const auto& connection : matching)
+      connection->cancel();
   }
 };
 
@@ -362,7 +365,9 @@ LocalHTTPServer::LocalHTTPServer(Options options, asio::any_io_executor serverEx
     : core_(std::make_shared<Core>(std::move(options), std::move(serverExecutor),
                                    std::move(mainExecutor), std::move(handler))) {}
 
-LocalHTTPServer::~LocalHTTPServer() { stop(); }
+LocalHTTPServer::~LocalHTTPServer() {
+  stop();
+}
 
 void LocalHTTPServer::setStateChanged(StateChanged callback) {
   core_->stateChanged = std::move(callback);
@@ -385,8 +390,12 @@ void LocalHTTPServer::revoke(std::string tokenHash) {
              [core = core_, hash = std::move(tokenHash)] { core->revokeOnExecutor(hash); });
 }
 
-bool LocalHTTPServer::isRunning() const { return core_->running; }
+bool LocalHTTPServer::isRunning() const {
+  return core_->running;
+}
 
-std::uint16_t LocalHTTPServer::port() const { return core_->port; }
+std::uint16_t LocalHTTPServer::port() const {
+  return core_->port;
+}
 
 }  // namespace orin

@@ -22,12 +22,13 @@ bool isIPv6Literal(std::string_view host) {
   return true;
 }
 
+// A member that may be absent or malformed; either way it reads as nothing.
 template <class T>
-T forgiving(const ObjectReader& reader, std::string_view key, T fallback) {
+std::optional<T> forgiving(const ObjectReader& reader, std::string_view key) {
   try {
-    return reader.optional<T>(key).value_or(std::move(fallback));
+    return reader.optional<T>(key);
   } catch (const DecodingError&) {
-    return fallback;
+    return std::nullopt;
   }
 }
 
@@ -114,16 +115,17 @@ json::Ordered OrinLinkErrorResponse::encode() const {
 OrinToolCall OrinToolCall::decode(const json::Value& value, const json::CodingPath& path) {
   const ObjectReader r(value, path);
   OrinToolCall call;
-  call.id = forgiving<Uuid>(r, "id", Uuid::random());
+  auto id = forgiving<Uuid>(r, "id");
+  call.id = id ? *id : Uuid::random();
   // A present "name" of the wrong kind is an error; only its absence falls back to "tool".
   if (auto name = r.optional<std::string>("name")) {
     call.name = std::move(*name);
   } else {
     call.name = r.required<std::string>("tool");
   }
-  call.arguments = forgiving<Arguments>(r, "arguments", {});
-  call.userFacingSummary = forgiving<std::string>(r, "userFacingSummary", "");
-  call.confidence = forgiving<double>(r, "confidence", 0);
+  call.arguments = forgiving<Arguments>(r, "arguments").value_or(Arguments{});
+  call.userFacingSummary = forgiving<std::string>(r, "userFacingSummary").value_or("");
+  call.confidence = forgiving<double>(r, "confidence").value_or(0);
   return call;
 }
 

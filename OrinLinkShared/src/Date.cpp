@@ -45,7 +45,9 @@ bool readDigits(std::string_view text, std::size_t pos, std::size_t count, unsig
   return true;
 }
 
-bool isLeapYear(unsigned y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+bool isLeapYear(unsigned y) {
+  return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+}
 
 unsigned daysInMonth(unsigned y, unsigned m) {
   static constexpr unsigned days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -54,7 +56,9 @@ unsigned daysInMonth(unsigned y, unsigned m) {
 
 }  // namespace
 
-Date Date::now() { return fromSystemClock(std::chrono::system_clock::now()); }
+Date Date::now() {
+  return fromSystemClock(std::chrono::system_clock::now());
+}
 
 Date Date::fromSystemClock(std::chrono::system_clock::time_point time) {
   const auto micros =
@@ -104,8 +108,8 @@ std::optional<Date> Date::parseISO8601(std::string_view text) {
     const std::int64_t magnitude = offsetHours * 3600 + offsetMinutes * 60;
     offsetSeconds = zone[0] == '+' ? magnitude : -magnitude;
   }
-  const std::int64_t unix = daysFromCivil(year, month, day) * 86400 + hour * 3600 +
-                            minute * 60 + second - offsetSeconds;
+  const std::int64_t unix =
+      daysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second - offsetSeconds;
   return fromUnixSeconds(static_cast<double>(unix));
 }
 

@@ -69,7 +69,8 @@ std::string kindName(const Value& value) {
 
 std::string escapeSlashes(std::string text) {
   std::size_t count = 0;
-  for (const char c : text) count += c == '/' ? 1 : 0;
+  for (const char c : text)
+    count += c == '/' ? 1 : 0;
   if (count == 0) return text;
   std::string out;
   out.reserve(text.size() + count);
@@ -84,15 +85,16 @@ std::string escapeSlashes(std::string text) {
 
 std::string CodingPath::string() const {
   std::vector<const CodingPath*> chain;
-  for (const CodingPath* p = this; p != nullptr && (p->parent != nullptr || p->isIndex ||
-                                                    !p->key.empty());
-       p = p->parent) {
+  for (const CodingPath* p = this;
+       p != nullptr && (p->parent != nullptr || p->isIndex || !p->key.empty()); p = p->parent) {
     chain.push_back(p);
   }
   std::string out;
   for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
     if ((*it)->isIndex) {
-      out += "[" + std::to_string((*it)->index) + "]";
+      out += '[';
+      out += std::to_string((*it)->index);
+      out += ']';
     } else {
       if (!out.empty()) out += ".";
       out += (*it)->key;
@@ -119,8 +121,9 @@ std::string serialize(const Ordered& value, Format format) {
     // Re-keying through the sorted-map document gives sorted keys at every level.
     return escapeSlashes(Value(value).dump(2));
   } catch (const nlohmann::json::type_error& error) {
-    throw EncodingError(std::string("The data couldn\u2019t be written because it isn\u2019t in "
-                                    "the correct format."));
+    throw EncodingError(
+        std::string("The data couldn\u2019t be written because it isn\u2019t in "
+                    "the correct format."));
   }
 }
 
@@ -203,7 +206,9 @@ ByteString Codec<ByteString>::decode(const Value& value, const CodingPath& path)
   throwDataCorrupted(path, "Encountered Data is not valid Base64.");
 }
 
-Ordered Codec<ByteString>::encode(const ByteString& value) { return base64::encode(value); }
+Ordered Codec<ByteString>::encode(const ByteString& value) {
+  return base64::encode(value);
+}
 
 ObjectReader::ObjectReader(const Value& value, const CodingPath& path)
     : value_(value), path_(path) {
@@ -225,4 +230,4 @@ void ObjectReader::throwMissing(std::string_view key) const {
                              : "No value associated with key \"" + std::string(key) + "\".");
 }
 
-}  // namespace json
+}  // namespace orin::json

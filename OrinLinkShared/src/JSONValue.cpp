@@ -36,11 +36,13 @@ json::Ordered JSONValue::encode() const {
           return json::number(payload);
         } else if constexpr (std::is_same_v<T, Object>) {
           json::Ordered out = json::Ordered::object();
-          for (const auto& [key, member] : payload) out[key] = member.encode();
+          for (const auto& [key, member] : payload)
+            out[key] = member.encode();
           return out;
         } else if constexpr (std::is_same_v<T, Array>) {
           json::Ordered out = json::Ordered::array();
-          for (const auto& member : payload) out.push_back(member.encode());
+          for (const auto& member : payload)
+            out.push_back(member.encode());
           return out;
         } else {
           return payload;

@@ -19,7 +19,8 @@ void putBigEndian(std::uint8_t* out, std::uint64_t value, std::size_t width) {
 
 std::uint64_t readBigEndian(const std::uint8_t* in, std::size_t width) {
   std::uint64_t value = 0;
-  for (std::size_t i = 0; i < width; ++i) value = value << 8 | in[i];
+  for (std::size_t i = 0; i < width; ++i)
+    value = value << 8 | in[i];
   return value;
 }
 
@@ -141,8 +142,8 @@ std::array<std::uint8_t, OrinScreenStream::headerLength + OrinScreenFrameHeader:
 videoFramePrefix(const OrinScreenFrameHeader& header, std::size_t dataLength) {
   std::array<std::uint8_t, OrinScreenStream::headerLength + OrinScreenFrameHeader::encodedLength>
       bytes{};
-  const auto frameHeader =
-      headerBytes(OrinScreenMessageType::videoFrame, dataLength + OrinScreenFrameHeader::encodedLength);
+  const auto frameHeader = headerBytes(OrinScreenMessageType::videoFrame,
+                                       dataLength + OrinScreenFrameHeader::encodedLength);
   const auto videoHeader = header.encoded();
   std::copy(frameHeader.begin(), frameHeader.end(), bytes.begin());
   std::copy(videoHeader.begin(), videoHeader.end(), bytes.begin() + OrinScreenStream::headerLength);

@@ -31,13 +31,12 @@ enum class OrinToolResultStatus {
 
 template <>
 struct EnumTraits<OrinLinkConnectionKind> {
-  static constexpr std::array<std::string_view, 3> rawValues{"localNetwork", "tailscale",
-                                                             "manual"};
+  static constexpr std::array<std::string_view, 3> rawValues{"localNetwork", "tailscale", "manual"};
 };
 template <>
 struct EnumTraits<OrinLinkStatus> {
-  static constexpr std::array<std::string_view, 5> rawValues{
-      "success", "failed", "unavailable", "approvalRequired", "missingDetails"};
+  static constexpr std::array<std::string_view, 5> rawValues{"success", "failed", "unavailable",
+                                                             "approvalRequired", "missingDetails"};
 };
 template <>
 struct EnumTraits<OrinLane> {

@@ -12,7 +12,9 @@ template <class E>
 struct EnumTraits;
 
 template <class E>
-concept StringEnum = requires { EnumTraits<E>::rawValues; };
+concept StringEnum = requires {
+  EnumTraits<E>::rawValues;
+};
 
 template <StringEnum E>
 constexpr std::string_view rawValue(E value) {
@@ -31,7 +33,8 @@ constexpr std::optional<E> enumFromRawValue(std::string_view text) {
 template <StringEnum E>
 constexpr auto allCases() {
   std::array<E, EnumTraits<E>::rawValues.size()> cases{};
-  for (std::size_t i = 0; i < cases.size(); ++i) cases[i] = static_cast<E>(i);
+  for (std::size_t i = 0; i < cases.size(); ++i)
+    cases[i] = static_cast<E>(i);
   return cases;
 }
 

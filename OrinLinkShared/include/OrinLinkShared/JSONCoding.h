@@ -92,8 +92,8 @@ template <class I>
 struct Codec<I, std::enable_if_t<std::is_integral_v<I> && !std::is_same_v<I, bool>>> {
   static I decode(const Value& value, const CodingPath& path) {
     static_assert(sizeof(I) < 8 || std::is_signed_v<I>, "64-bit unsigned is not on the wire");
-    return static_cast<I>(decodeInteger(value, path, std::numeric_limits<I>::min(),
-                                        std::numeric_limits<I>::max()));
+    return static_cast<I>(
+        decodeInteger(value, path, std::numeric_limits<I>::min(), std::numeric_limits<I>::max()));
   }
   static Ordered encode(I value) { return value; }
 };
@@ -141,7 +141,8 @@ struct Codec<std::vector<T>, std::enable_if_t<!std::is_same_v<T, std::uint8_t>>>
   }
   static Ordered encode(const std::vector<T>& values) {
     Ordered out = Ordered::array();
-    for (const auto& v : values) out.push_back(Codec<T>::encode(v));
+    for (const auto& v : values)
+      out.push_back(Codec<T>::encode(v));
     return out;
   }
 };
@@ -159,7 +160,8 @@ struct Codec<std::map<std::string, T, std::less<>>> {
   }
   static Ordered encode(const Map& values) {
     Ordered out = Ordered::object();
-    for (const auto& [key, v] : values) out[key] = Codec<T>::encode(v);
+    for (const auto& [key, v] : values)
+      out[key] = Codec<T>::encode(v);
     return out;
   }
 };

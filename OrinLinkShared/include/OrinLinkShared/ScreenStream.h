@@ -29,7 +29,9 @@ inline constexpr std::array<OrinScreenShape, 3> allScreenShapes{
     OrinScreenShape::mirror, OrinScreenShape::ultrawide, OrinScreenShape::superUltrawide};
 
 std::optional<OrinScreenShape> screenShapeFromRawValue(std::int64_t raw);
-constexpr std::int64_t rawValue(OrinScreenShape shape) { return static_cast<std::int64_t>(shape); }
+constexpr std::int64_t rawValue(OrinScreenShape shape) {
+  return static_cast<std::int64_t>(shape);
+}
 std::string_view label(OrinScreenShape shape);
 std::string_view detail(OrinScreenShape shape);
 
@@ -74,8 +76,8 @@ struct OrinScreenControlMessage {
 template <>
 struct EnumTraits<OrinScreenControlMessage::Kind> {
   static constexpr std::array<std::string_view, 12> rawValues{
-      "hello", "pair",  "pairingRequired", "paired", "accepted",  "error",
-      "ping",  "pong",  "setShape",        "shape",  "setPortal", "portal"};
+      "hello", "pair", "pairingRequired", "paired", "accepted",  "error",
+      "ping",  "pong", "setShape",        "shape",  "setPortal", "portal"};
 };
 
 struct OrinScreenVideoConfig {

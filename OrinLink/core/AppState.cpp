@@ -1,0 +1,757 @@
+#include "OrinLink/core/AppState.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+
+#include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/server/EndpointDiscovery.h"
+#include "OrinLinkShared/Text.h"
+#include "OrinLinkShared/ToolCallParser.h"
+
+namespace orin {
+
+namespace asio = boost::asio;
+
+namespace {
+
+constexpr std::string_view unauthorizedMessage =
+    "Pair this device with Orin Link before calling this endpoint.";
+
+const std::vector<std::filesystem::path>& ollamaBinaryPaths() {
+  static const std::vector<std::filesystem::path> paths{
+      "/usr/local/bin/ollama", "/opt/homebrew/bin/ollama", "/usr/bin/ollama"};
+  return paths;
+}
+
+const std::vector<std::filesystem::path>& ollamaSystemUnits() {
+  static const std::vector<std::filesystem::path> paths{"/etc/systemd/system/ollama.service",
+                                                        "/usr/lib/systemd/system/ollama.service",
+                                                        "/lib/systemd/system/ollama.service"};
+  return paths;
+}
+
+std::string localDay(Date date) {
+  const auto seconds = static_cast<std::time_t>(std::floor(date.unixSeconds()));
+  std::tm parts{};
+  ::localtime_r(&seconds, &parts);
+  char text[16];
+  std::strftime(text, sizeof text, "%Y-%m-%d", &parts);
+  return text;
+}
+
+HTTPResponse jsonError(int status, std::string code, std::string message) {
+  return HTTPResponse::json(OrinLinkErrorResponse::make(std::move(code), std::move(message)),
+                            status, std::string(reasonPhrase(status)));
+}
+
+// The one error form a device sees when a handler fails.
+HTTPResponse handlerFailure(const std::exception_ptr& error) {
+  OrinLinkResponse response{Uuid::random(),
+                            std::nullopt,
+                            OrinLinkStatus::failed,
+                            OrinLane::chat,
+                            "",
+                            std::nullopt,
+                            std::nullopt,
+                            OrinLinkError{"request_failed", describe(error)}};
+  return HTTPResponse::json(response, HTTPStatus::internalServerError,
+                            std::string(reasonPhrase(HTTPStatus::internalServerError)));
+}
+
+std::int64_t characterCount(std::string_view text) {
+  std::int64_t count = 0;
+  for (const char c : text)
+    count += (static_cast<unsigned char>(c) & 0xC0) != 0x80 ? 1 : 0;
+  return count;
+}
+
+bool wasCancelled(asio::cancellation_state state) {
+  return state.cancelled() != asio::cancellation_type::none;
+}
+
+}  // namespace
+
+std::string defaultModelForMemory(std::uint64_t physicalMemoryGB) {
+  if (physicalMemoryGB >= 32) return "gemma4:26b";
+  if (physicalMemoryGB >= 18) return "gemma4:12b";
+  return "gemma4:e4b";
+}
+
+std::shared_ptr<AppState> AppState::make(Environment environment) {
+  return std::shared_ptr<AppState>(new AppState(std::move(environment)));
+}
+
+AppState::AppState(Environment environment)
+    : env_(std::move(environment)),
+      settings_(env_.settingsFile),
+      registry_(env_.registryFile, env_.clock, env_.random) {
+  const double bytes = static_cast<double>(env_.system->physicalMemoryBytes());
+  physicalMemoryGB_ = static_cast<std::uint64_t>(std::llround(bytes / 1073741824.0));
+  readSettings();
+}
+
+AppState::~AppState() {
+  shutdown();
+}
+
+void AppState::readSettings() {
+  const std::int64_t port = settings_.integer("serverPort");
+  if (port < 0 || port > 65535) {
+    throw StartupError("The setting \"serverPort\" in " + settings_.file().string() + " is " +
+                       std::to_string(port) +
+                       ", which is not a port number from 0 to 65535. Correct or remove it, "
+                       "then start Orin Link again.");
+  }
+  p_.serverPort = port == 0 ? defaultServerPort : static_cast<std::uint16_t>(port);
+  p_.activeModel =
+      settings_.string("activeModel").value_or(defaultModelForMemory(physicalMemoryGB_));
+  p_.baseURLText =
+      settings_.string("ollamaBaseURL").value_or(std::string(OllamaEndpoint::defaultBaseURL));
+  p_.reliabilityModeEnabled = settings_.boolean("reliabilityModeEnabled");
+  p_.startAtLoginEnabled = settings_.boolean("startAtLoginEnabled");
+  p_.manualEndpointHost = settings_.string("manualEndpointHost").value_or("");
+  p_.manualEndpointKind =
+      enumFromRawValue<OrinLinkConnectionKind>(settings_.string("manualEndpointKind").value_or(""))
+          .value_or(OrinLinkConnectionKind::manual);
+  p_.showConversations = settings_.boolean("showConversationsOnMac");
+  p_.lastRequestedModel = settings_.string("lastRequestedModel");
+  p_.repliesToday = settings_.string("repliesTodayDate") == localDay(env_.clock())
+                        ? settings_.integer("repliesTodayCount")
+                        : 0;
+}
+
+std::uint64_t AppState::observe(Observer observer) {
+  observers_.emplace(++nextSubscription_, std::move(observer));
+  return nextSubscription_;
+}
+
+void AppState::unobserve(std::uint64_t subscription) {
+  observers_.erase(subscription);
+}
+
+void AppState::changed(std::string_view property) {
+  // A copy, because an observer may subscribe or leave while being told.
+  const auto observers = observers_;
+  for (const auto& [id, observer] : observers)
+    observer(property);
+}
+
+void AppState::launch() {
+  if (launched_) return;
+  launched_ = true;
+  std::weak_ptr<AppState> weak = weak_from_this();
+  registry_.onChanged = [weak] {
+    if (auto self = weak.lock()) self->changed("registry");
+  };
+  registry_.onRevoked = [weak](const std::string& hash) {
+    auto self = weak.lock();
+    if (self && self->server_) self->server_->revoke(hash);
+  };
+  registry_.onPaired = [weak](const std::string& name) {
+    auto self = weak.lock();
+    if (!self) return;
+    self->set(&Properties::lastPairedDeviceName, name, "lastPairedDeviceName");
+    self->set(&Properties::lastPairedAt, self->env_.clock(), "lastPairedAt");
+    self->set(&Properties::lastEvent, "Paired " + name + ".", "lastEvent");
+  };
+  startServer();
+  refreshEndpointCandidates();
+  startSetupTimer();
+  asio::co_spawn(
+      env_.mainExecutor,
+      [self = shared_from_this()]() -> asio::awaitable<void> {
+        co_await self->refreshRuntimeStatus();
+      },
+      asio::detached);
+}
+
+void AppState::shutdown() {
+  if (setupTimer_) setupTimer_->cancel();
+  if (pullCancel_) pullCancel_->emit(asio::cancellation_type::terminal);
+  if (watchCancel_) watchCancel_->emit(asio::cancellation_type::terminal);
+  if (server_) server_->stop();
+  server_.reset();
+}
+
+void AppState::startSetupTimer() {
+  setupTimer_.emplace(env_.mainExecutor);
+  asio::co_spawn(
+      env_.mainExecutor,
+      [weak = weak_from_this()]() -> asio::awaitable<void> {
+        while (true) {
+          auto self = weak.lock();
+          if (!self || !self->setupTimer_) co_return;
+          auto& timer = *self->setupTimer_;
+          self.reset();
+          timer.expires_after(std::chrono::seconds(1));
+          co_await timer.async_wait(asio::use_awaitable);
+          self = weak.lock();
+          if (!self) co_return;
+          self->set(&Properties::setupTick, self->p_.setupTick + 1, "setupTick");
+          if (self->registry_.pairingCodeRemainingSeconds() == 0) {
+            self->registry_.refreshPairingCode();
+          }
+        }
+      },
+      asio::detached);
+}
+
+void AppState::startServer() {
+  set(&Properties::serverError, std::nullopt, "serverError");
+  if (server_) return;
+  LocalHTTPServer::Options options;
+  options.port = env_.serverPortOverride.value_or(p_.serverPort);
+  options.bindAddress = env_.bindAddress;
+  options.serviceName = env_.serviceName;
+  options.advertiser = env_.advertiser;
+  auto server = std::make_unique<LocalHTTPServer>(
+      options, env_.httpExecutor, env_.mainExecutor,
+      [weak = weak_from_this()](HTTPRequest request) -> asio::awaitable<HTTPHandlerResult> {
+        return
+            [](std::weak_ptr<AppState> owner, HTTPRequest r) -> asio::awaitable<HTTPHandlerResult> {
+              auto self = owner.lock();
+              if (!self) throw Error("Orin Link is shutting down.");
+              co_return co_await self->route(std::move(r));
+            }(weak, std::move(request));
+      });
+  const LocalHTTPServer* current = server.get();
+  server->setStateChanged([weak = weak_from_this(), current](bool running, std::uint16_t port,
+                                                             std::optional<std::string> error) {
+    auto self = weak.lock();
+    if (!self || self->server_.get() != current) return;
+    self->set(&Properties::isServerRunning, running, "isServerRunning");
+    self->set(&Properties::serverPort, port, "serverPort");
+    self->set(&Properties::serverError, error, "serverError");
+    if (running) {
+      self->set(&Properties::lastEvent, "Server started on port " + std::to_string(port) + ".",
+                "lastEvent");
+    } else {
+      self->set(&Properties::lastEvent, "Server failed: " + error.value_or("unknown error"),
+                "lastEvent");
+      self->server_.reset();
+    }
+    self->refreshEndpointCandidates();
+  });
+  server_ = std::move(server);
+  server_->start();
+  set(&Properties::lastEvent, std::string("Starting server\u2026"), "lastEvent");
+}
+
+void AppState::stopServer() {
+  if (server_) server_->stop();
+  server_.reset();
+  set(&Properties::isServerRunning, false, "isServerRunning");
+  refreshEndpointCandidates();
+  set(&Properties::lastEvent, std::string("Server stopped."), "lastEvent");
+}
+
+void AppState::saveSettings() {
+  settings_.set("serverPort", p_.serverPort);
+  settings_.set("activeModel", p_.activeModel);
+  settings_.set("ollamaBaseURL", p_.baseURLText);
+  settings_.set("reliabilityModeEnabled", p_.reliabilityModeEnabled);
+  settings_.set("startAtLoginEnabled", p_.startAtLoginEnabled);
+  settings_.set("manualEndpointHost", p_.manualEndpointHost);
+  settings_.set("manualEndpointKind", std::string(rawValue(p_.manualEndpointKind)));
+  refreshEndpointCandidates();
+  set(&Properties::lastEvent, std::string("Settings saved."), "lastEvent");
+  warmActiveModel(true);
+}
+
+void AppState::setShowConversations(bool on) {
+  set(&Properties::showConversations, on, "showConversations");
+  settings_.set("showConversationsOnMac", on);
+  if (!on) set(&Properties::conversationLog, std::deque<ConversationEntry>{}, "conversationLog");
+}
+
+void AppState::refreshEndpointCandidates() {
+  set(&Properties::endpointCandidates,
+      EndpointDiscovery::discover(p_.serverPort, p_.manualEndpointHost, p_.manualEndpointKind),
+      "endpointCandidates");
+  // The Tailscale tool is a child process we wait for: never on the main loop.
+  asio::post(env_.backgroundExecutor, [weak = weak_from_this(), system = env_.system,
+                                       main = env_.mainExecutor] {
+    auto name = EndpointDiscovery::magicDNSName(*system);
+    if (!name) return;
+    asio::post(main, [weak, name = std::move(*name)] {
+      if (auto self = weak.lock()) {
+        auto endpoints = self->p_.endpointCandidates;
+        if (EndpointDiscovery::insertMagicDNSName(endpoints, name, self->p_.serverPort)) {
+          self->set(&Properties::endpointCandidates, std::move(endpoints), "endpointCandidates");
+        }
+      }
+    });
+  });
+}
+
+// --- Runtime supervision -----------------------------------------------------------------------
+
+OllamaRuntime AppState::runtime() const {
+  return OllamaRuntime(
+      OllamaEndpoint::parse(p_.baseURLText).value_or(OllamaEndpoint::defaultEndpoint()),
+      env_.mainExecutor, env_.ollamaTimeouts);
+}
+
+OllamaInstallState AppState::ollamaInstallState() const {
+  if (p_.isOllamaAvailable) return OllamaInstallState::running;
+  for (const auto& path : ollamaBinaryPaths()) {
+    if (env_.system->fileExists(path)) return OllamaInstallState::installed;
+  }
+  if (env_.system->findOnPath("ollama")) return OllamaInstallState::installed;
+  return OllamaInstallState::notInstalled;
+}
+
+bool AppState::isActiveModelInstalled() const {
+  return std::any_of(p_.models.begin(), p_.models.end(),
+                     [this](const OllamaModel& m) { return m.name == p_.activeModel; });
+}
+
+std::string AppState::recommendedModel() const {
+  return defaultModelForMemory(physicalMemoryGB_);
+}
+
+asio::awaitable<void> AppState::refreshRuntimeStatus() {
+  auto self = shared_from_this();
+  OllamaRuntime client = runtime();
+  std::vector<OllamaModel> models;
+  std::exception_ptr failure;
+  try {
+    models = co_await client.listModels();
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  if (failure) {
+    set(&Properties::isOllamaAvailable, false, "isOllamaAvailable");
+    set(&Properties::modelResidentSince, std::nullopt, "modelResidentSince");
+    set(&Properties::models, std::vector<OllamaModel>{}, "models");
+    set(&Properties::ollamaError, describe(failure), "ollamaError");
+    set(&Properties::lastEvent, std::string("Ollama is not reachable."), "lastEvent");
+    co_return;
+  }
+  set(&Properties::models, std::move(models), "models");
+  if (!p_.isOllamaAvailable) warmActiveModel(false);
+  set(&Properties::isOllamaAvailable, true, "isOllamaAvailable");
+  set(&Properties::ollamaError, std::nullopt, "ollamaError");
+  set(&Properties::lastEvent,
+      isActiveModelInstalled() ? "Ollama is ready with " + p_.activeModel + "."
+                               : "Ollama is reachable, but " + p_.activeModel + " was not found.",
+      "lastEvent");
+}
+
+void AppState::watchForOllama() {
+  if (watchCancel_) watchCancel_->emit(asio::cancellation_type::terminal);
+  watchCancel_ = std::make_shared<asio::cancellation_signal>();
+  asio::co_spawn(
+      env_.mainExecutor,
+      [weak = weak_from_this(), interval = env_.installWatchInterval]() -> asio::awaitable<void> {
+        asio::steady_timer timer(co_await asio::this_coro::executor);
+        for (int attempt = 0; attempt < installWatchAttempts; ++attempt) {
+          timer.expires_after(interval);
+          co_await timer.async_wait(asio::use_awaitable);
+          auto self = weak.lock();
+          if (!self) co_return;
+          co_await self->refreshRuntimeStatus();
+          if (self->p_.isOllamaAvailable) co_return;
+        }
+      },
+      asio::bind_cancellation_slot(watchCancel_->slot(), asio::detached));
+}
+
+void AppState::startOllama() {
+  SystemActions& system = *env_.system;
+  const char* home = std::getenv("HOME");
+  const bool userUnit = home != nullptr && system.fileExists(std::filesystem::path(home) /
+                                                             ".config/systemd/user/ollama.service");
+  const bool systemUnit =
+      std::any_of(ollamaSystemUnits().begin(), ollamaSystemUnits().end(),
+                  [&system](const auto& path) { return system.fileExists(path); });
+  if (userUnit) {
+    system.launchDetached({"systemctl", "--user", "start", "ollama.service"});
+  } else if (systemUnit) {
+    system.launchDetached({"systemctl", "start", "--no-ask-password", "ollama.service"});
+  } else {
+    std::optional<std::filesystem::path> binary;
+    for (const auto& path : ollamaBinaryPaths()) {
+      if (system.fileExists(path)) {
+        binary = path;
+        break;
+      }
+    }
+    if (!binary) binary = system.findOnPath("ollama");
+    if (binary) system.launchDetached({binary->string(), "serve"});
+  }
+  set(&Properties::lastEvent, std::string("Starting Ollama\u2026"), "lastEvent");
+  watchForOllama();
+}
+
+void AppState::openOllamaDownload() {
+  env_.system->openURL(std::string(ollamaDownloadPage));
+  set(&Properties::lastEvent,
+      std::string("Opened the Ollama download page. Orin Link will notice once it's installed and "
+                  "running."),
+      "lastEvent");
+  watchForOllama();
+}
+
+void AppState::pullModel(const std::string& name) {
+  if (pullCancel_) pullCancel_->emit(asio::cancellation_type::terminal);
+  set(&Properties::pullError, std::nullopt, "pullError");
+  set(&Properties::pullPausedModel, std::nullopt, "pullPausedModel");
+  set(&Properties::pullProgress, PullProgress{"Starting download\u2026", std::nullopt, 0, 0},
+      "pullProgress");
+  pullCancel_ = std::make_shared<asio::cancellation_signal>();
+  asio::co_spawn(
+      env_.mainExecutor,
+      [weak = weak_from_this(), name, client = runtime()]() mutable -> asio::awaitable<void> {
+        auto progress = client.pull(name);
+        std::exception_ptr failure;
+        try {
+          while (auto report = co_await progress.next(asio::use_awaitable)) {
+            if (wasCancelled(co_await asio::this_coro::cancellation_state)) co_return;
+            auto self = weak.lock();
+            if (!self) co_return;
+            self->set(&Properties::pullProgress, std::optional<PullProgress>(std::move(*report)),
+                      "pullProgress");
+          }
+        } catch (...) {
+          failure = std::current_exception();
+        }
+        if (wasCancelled(co_await asio::this_coro::cancellation_state)) co_return;
+        auto self = weak.lock();
+        if (!self) co_return;
+        self->set(&Properties::pullProgress, std::nullopt, "pullProgress");
+        if (failure) {
+          self->set(&Properties::pullError, describe(failure), "pullError");
+          co_return;
+        }
+        self->set(&Properties::lastEvent, "Downloaded " + name + ".", "lastEvent");
+        co_await self->refreshRuntimeStatus();
+      },
+      asio::bind_cancellation_slot(pullCancel_->slot(), asio::detached));
+}
+
+void AppState::cancelPull() {
+  if (pullCancel_) {
+    pullCancel_->emit(asio::cancellation_type::terminal);
+    pullCancel_.reset();
+  }
+  set(&Properties::pullProgress, std::nullopt, "pullProgress");
+  set(&Properties::lastEvent,
+      std::string("Download paused \u2014 Ollama keeps what it has, so it resumes where it left "
+                  "off."),
+      "lastEvent");
+}
+
+void AppState::warmActiveModel(bool force) {
+  const Date now = env_.clock();
+  if (!force && lastModelWarmAt_ && now.secondsSince(*lastModelWarmAt_) < warmUpSpacingSeconds) {
+    return;
+  }
+  lastModelWarmAt_ = now;
+  const std::string model = p_.lastRequestedModel.value_or(p_.activeModel);
+  asio::co_spawn(
+      env_.mainExecutor,
+      [weak = weak_from_this(), client = runtime(), model]() mutable -> asio::awaitable<void> {
+        const bool warmed = co_await client.warmModel(model);
+        auto self = weak.lock();
+        if (warmed && self && !self->p_.modelResidentSince) {
+          self->set(&Properties::modelResidentSince, std::optional<Date>(self->env_.clock()),
+                    "modelResidentSince");
+        }
+      },
+      asio::detached);
+}
+
+// --- Pairing -----------------------------------------------------------------------------------
+
+std::string AppState::pairingPayload() const {
+  PairingPayload payload;
+  payload.pairingCode = registry_.pairingCode();
+  payload.expiresAt = registry_.pairingCodeCreatedAt().adding(DeviceRegistry::pairingCodeLifetime);
+  payload.port = p_.serverPort;
+  payload.endpoints = p_.endpointCandidates;
+  return payload.text();
+}
+
+void AppState::newPairingCode() {
+  registry_.refreshPairingCode();
+}
+
+bool AppState::removeDevice(const Uuid& id) {
+  return registry_.removeDevice(id);
+}
+
+// --- Statistics and the conversation log --------------------------------------------------------
+
+void AppState::noteRequestedModel(const std::optional<std::string>& model) {
+  if (!model || model->empty() || model == p_.lastRequestedModel) return;
+  p_.lastRequestedModel = model;
+  settings_.set("lastRequestedModel", *model);
+}
+
+void AppState::endGeneration(std::int64_t tokens, Date since) {
+  set(&Properties::activeGenerations, std::max<std::int64_t>(p_.activeGenerations - 1, 0),
+      "activeGenerations");
+  if (p_.activeGenerations == 0) set(&Properties::busyDeviceName, std::nullopt, "busyDeviceName");
+  if (tokens >= 1) {
+    const Date now = env_.clock();
+    set(&Properties::tokensPerSecond,
+        static_cast<double>(tokens) / std::max(now.secondsSince(since), 0.05), "tokensPerSecond");
+    if (!p_.modelResidentSince) {
+      set(&Properties::modelResidentSince, std::optional<Date>(now), "modelResidentSince");
+    }
+    recordReply();
+  }
+}
+
+void AppState::recordReply() {
+  const std::string today = localDay(env_.clock());
+  if (settings_.string("repliesTodayDate") != today) {
+    p_.repliesToday = 0;
+    settings_.set("repliesTodayDate", today);
+  }
+  set(&Properties::repliesToday, p_.repliesToday + 1, "repliesToday");
+  settings_.set("repliesTodayCount", p_.repliesToday);
+}
+
+std::optional<Uuid> AppState::beginConversationEntry(const std::string& prompt,
+                                                     const std::string& deviceName) {
+  if (!p_.showConversations) return std::nullopt;
+  ConversationEntry entry{Uuid::random(),        env_.clock(), deviceName,
+                          displayPrompt(prompt), "",           false};
+  const Uuid id = entry.id;
+  p_.conversationLog.push_back(std::move(entry));
+  while (p_.conversationLog.size() > conversationLogLimit)
+    p_.conversationLog.pop_front();
+  changed("conversationLog");
+  return id;
+}
+
+void AppState::appendConversationToken(const std::string& text, const Uuid& id) {
+  if (!p_.showConversations) return;
+  for (auto& entry : p_.conversationLog) {
+    if (entry.id == id) {
+      entry.response += text;
+      changed("conversationLog");
+      return;
+    }
+  }
+}
+
+void AppState::completeConversationEntry(const Uuid& id) {
+  for (auto& entry : p_.conversationLog) {
+    if (entry.id == id) {
+      entry.isComplete = true;
+      changed("conversationLog");
+      return;
+    }
+  }
+}
+
+// --- Routing ------------------------------------------------------------------------------------
+
+asio::awaitable<HTTPHandlerResult> AppState::route(HTTPRequest request) {
+  auto self = shared_from_this();
+  co_return co_await routeUnsafe(std::move(request));
+}
+
+asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
+  const std::string path = request.path.substr(0, request.path.find('?'));
+  const std::string& method = request.method;
+
+  if (method == "GET" && path == "/health") {
+    warmActiveModel(false);
+    co_return HTTPHandlerResult::response(HTTPResponse::json(
+        OrinLinkHealth{"ok", "Orin Link", std::string(appVersion), "ollama", p_.activeModel},
+        HTTPStatus::ok, "OK"));
+  }
+  if (method == "POST" && path == "/v1/pair") {
+    try {
+      co_return HTTPHandlerResult::response(handlePair(request));
+    } catch (...) {
+      co_return HTTPHandlerResult::response(handlerFailure(std::current_exception()));
+    }
+  }
+
+  if (!registry_.authenticate(request.bearerToken())) {
+    co_return HTTPHandlerResult::response(
+        jsonError(HTTPStatus::unauthorized, "unauthorized", std::string(unauthorizedMessage)));
+  }
+
+  if (method == "GET" && path == "/status") {
+    co_return HTTPHandlerResult::response(
+        HTTPResponse::json(statusPayload(), HTTPStatus::ok, "OK"));
+  }
+  if (method == "GET" && path == "/models") {
+    std::exception_ptr failure;
+    std::vector<OllamaModel> models;
+    try {
+      models = co_await runtime().listModels();
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    if (failure) co_return HTTPHandlerResult::response(handlerFailure(failure));
+    std::vector<std::string> names;
+    for (auto& model : models)
+      names.push_back(std::move(model.name));
+    co_return HTTPHandlerResult::response(HTTPResponse::json(
+        std::map<std::string, std::vector<std::string>, std::less<>>{{"models", names}},
+        HTTPStatus::ok, "OK"));
+  }
+  if (method == "POST" && path == "/v1/generate") {
+    std::exception_ptr failure;
+    std::optional<OrinLinkResponse> response;
+    try {
+      response = co_await handleGenerate(std::move(request));
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    if (failure) co_return HTTPHandlerResult::response(handlerFailure(failure));
+    co_return HTTPHandlerResult::response(HTTPResponse::json(*response, HTTPStatus::ok, "OK"));
+  }
+  if (method == "POST" && path == "/v1/generate/stream") {
+    try {
+      co_return HTTPHandlerResult::eventStream(handleGenerateStream(request));
+    } catch (...) {
+      co_return HTTPHandlerResult::response(handlerFailure(std::current_exception()));
+    }
+  }
+  co_return HTTPHandlerResult::response(jsonError(
+      HTTPStatus::notFound, "not_found", "No Orin Link endpoint exists at " + request.path + "."));
+}
+
+HTTPResponse AppState::handlePair(const HTTPRequest& request) {
+  const auto pairing = decodeJSON<PairRequest>(request.body);
+  std::string token = registry_.pair(pairing.deviceId, pairing.displayName, pairing.pairingCode);
+  return HTTPResponse::json(PairResponse{pairing.deviceId, std::move(token)}, HTTPStatus::ok, "OK");
+}
+
+OrinLinkStatusPayload AppState::statusPayload() const {
+  return {p_.isServerRunning,
+          static_cast<std::int64_t>(registry_.devices().size()),
+          p_.isOllamaAvailable,
+          p_.activeModel,
+          p_.serverPort,
+          true,
+          p_.reliabilityModeEnabled,
+          "website",
+          std::vector<std::string>{"textAI", "displayMirroring", "portal", "virtualUltrawide"}};
+}
+
+// Counts a generation in and returns the caller's device name.
+std::string AppState::beginGeneration(const HTTPRequest& request) {
+  std::string deviceName = registry_.deviceName(request.bearerToken()).value_or("Device");
+  set(&Properties::activeGenerations, p_.activeGenerations + 1, "activeGenerations");
+  set(&Properties::busyDeviceName, std::optional<std::string>(deviceName), "busyDeviceName");
+  return deviceName;
+}
+
+asio::awaitable<OrinLinkResponse> AppState::handleGenerate(HTTPRequest request) {
+  const auto generate = decodeJSON<OrinLinkGenerateRequest>(request.body);
+  noteRequestedModel(generate.model);
+  const std::string deviceName = beginGeneration(request);
+  const Date start = env_.clock();
+  ModelGenerateRequest modelRequest{generate.prompt, generate.model.value_or(p_.activeModel),
+                                    generate.temperature.value_or(0.7),
+                                    generate.think.value_or(false)};
+  OllamaRuntime client = runtime();
+  std::string text;
+  std::exception_ptr failure;
+  bool retryWithoutThink = false;
+  try {
+    text = co_await client.generateOnce(modelRequest, modelRequest.think);
+  } catch (const OllamaError& error) {
+    retryWithoutThink = error.kind() == OllamaError::Kind::httpStatus && error.statusCode() == 400;
+    if (!retryWithoutThink) failure = std::current_exception();
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  if (retryWithoutThink) {
+    try {
+      text = co_await client.generateOnce(modelRequest, std::nullopt);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  }
+  if (failure) {
+    endGeneration(0, start);
+    std::rethrow_exception(failure);
+  }
+  const std::int64_t characters = characterCount(text);
+  endGeneration(characters > 3 ? characters / 4 : 1, start);
+
+  auto toolCall = OrinToolParser::extractToolCall(text);
+  std::string shown = OrinToolParser::removingToolCallMarkup(text);
+  if (auto entry = beginConversationEntry(generate.prompt, deviceName)) {
+    appendConversationToken(shown, *entry);
+    completeConversationEntry(*entry);
+  }
+  const OrinLane lane = toolCall ? OrinLane::toolProposal : OrinLane::chat;
+  co_return OrinLinkResponse{Uuid::random(), generate.id,      OrinLinkStatus::success,
+                             lane,           std::move(shown), std::move(toolCall),
+                             std::nullopt,   std::nullopt};
+}
+
+TextChunkStream AppState::handleGenerateStream(const HTTPRequest& request) {
+  const auto generate = decodeJSON<OrinLinkGenerateRequest>(request.body);
+  noteRequestedModel(generate.model);
+  const std::string deviceName = beginGeneration(request);
+  const auto entry = beginConversationEntry(generate.prompt, deviceName);
+  const Date start = env_.clock();
+  ModelGenerateRequest modelRequest{generate.prompt, generate.model.value_or(p_.activeModel),
+                                    generate.temperature.value_or(0.7),
+                                    generate.think.value_or(false)};
+
+  auto made = TextChunkStream::make();
+  TextChunkStream chunks = std::move(made.first);
+  const TextChunkStream::Continuation continuation = made.second;
+  // The device going away (on the server's executor) cancels the producer here, which cancels
+  // the runtime's stream and so the request upstream.
+  auto cancel = std::make_shared<asio::cancellation_signal>();
+  continuation.onTermination([main = env_.mainExecutor, cancel](TextChunkStream::Termination why) {
+    if (why == TextChunkStream::Termination::cancelled) {
+      asio::post(main, [cancel] { cancel->emit(asio::cancellation_type::terminal); });
+    }
+  });
+  asio::co_spawn(
+      env_.mainExecutor,
+      [self = shared_from_this(), upstream = runtime().stream(std::move(modelRequest)),
+       continuation, entry, start, cancel]() mutable -> asio::awaitable<void> {
+        std::int64_t count = 0;
+        std::exception_ptr failure;
+        try {
+          while (auto token = co_await upstream.next(asio::use_awaitable)) {
+            ++count;
+            if (entry) self->appendConversationToken(*token, *entry);
+            if (count % 8 == 0) {
+              const double elapsed = std::max(self->env_.clock().secondsSince(start), 0.05);
+              self->set(&Properties::tokensPerSecond,
+                        std::optional<double>(static_cast<double>(count) / elapsed),
+                        "tokensPerSecond");
+            }
+            continuation.yield(std::move(*token));
+          }
+        } catch (...) {
+          failure = std::current_exception();
+        }
+        if (entry) self->completeConversationEntry(*entry);
+        self->endGeneration(count, start);
+        if (failure) {
+          continuation.finish(failure);
+        } else {
+          continuation.finish();
+        }
+      },
+      asio::bind_cancellation_slot(cancel->slot(), asio::detached));
+  return chunks;
+}
+
+}  // namespace orin

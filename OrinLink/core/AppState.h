@@ -1,0 +1,206 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/cancellation_signal.hpp>
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "OrinLink/core/SettingsStore.h"
+#include "OrinLink/core/SystemActions.h"
+#include "OrinLink/pairing/DeviceRegistry.h"
+#include "OrinLink/runtime/OllamaRuntime.h"
+#include "OrinLink/server/LocalHTTPServer.h"
+#include "OrinLinkShared/AIRecords.h"
+
+namespace orin {
+
+struct ConversationEntry {
+  Uuid id;
+  Date date;
+  std::string deviceName;
+  std::string prompt;
+  std::string response;
+  bool isComplete = false;
+  bool operator==(const ConversationEntry&) const = default;
+};
+
+enum class OllamaInstallState { running, installed, notInstalled };
+
+// A settings value that cannot start the application, with the text the user sees.
+class StartupError : public Error {
+ public:
+  using Error::Error;
+};
+
+// The one application-wide model and controller. Everything here runs on the main loop; the
+// servers call in through posted work and every user-visible change is announced to observers by
+// the name of the property that changed.
+class AppState : public std::enable_shared_from_this<AppState> {
+ public:
+  static constexpr std::uint16_t defaultServerPort = 38141;
+  static constexpr std::size_t conversationLogLimit = 20;
+  static constexpr double warmUpSpacingSeconds = 180;
+  static constexpr int installWatchAttempts = 120;
+  static constexpr std::string_view ollamaDownloadPage = "https://ollama.com/download";
+  static constexpr std::string_view appVersion = "0.1.0";
+
+  struct Environment {
+    boost::asio::any_io_executor mainExecutor;
+    boost::asio::any_io_executor httpExecutor;
+    // Where blocking work (child processes) runs.
+    boost::asio::any_io_executor backgroundExecutor;
+    std::filesystem::path settingsFile;
+    std::filesystem::path registryFile;
+    SystemActions* system = nullptr;
+    ServiceAdvertiser* advertiser = nullptr;
+    DeviceRegistry::Clock clock = Date::now;
+    DeviceRegistry::RandomSource random = DeviceRegistry::systemRandom;
+    OllamaRuntime::Timeouts ollamaTimeouts;
+    std::chrono::steady_clock::duration installWatchInterval = std::chrono::seconds(5);
+    // Tests narrow the AI service to loopback and let the system choose its port.
+    std::optional<boost::asio::ip::address> bindAddress;
+    std::optional<std::uint16_t> serverPortOverride;
+    std::string serviceName = std::string(LocalHTTPServer::defaultServiceName);
+  };
+
+  // Reads the settings; throws StartupError for a stored port outside 0-65535.
+  static std::shared_ptr<AppState> make(Environment environment);
+  ~AppState();
+
+  // Starts the server, the endpoint refresh, the one-second timer and the runtime refresh.
+  void launch();
+  // Stops what launch() started, so the loops can wind down.
+  void shutdown();
+
+  // Observers hear the name of each property as it changes.
+  using Observer = std::function<void(std::string_view property)>;
+  std::uint64_t observe(Observer observer);
+  void unobserve(std::uint64_t subscription);
+
+  // Lifecycle and settings.
+  void startServer();
+  void stopServer();
+  void saveSettings();
+  void setShowConversations(bool on);
+  void refreshEndpointCandidates();
+
+  // Runtime supervision.
+  boost::asio::awaitable<void> refreshRuntimeStatus();
+  void startOllama();
+  void openOllamaDownload();
+  void pullModel(const std::string& name);
+  void cancelPull();
+  void warmActiveModel(bool force);
+  OllamaInstallState ollamaInstallState() const;
+  bool isActiveModelInstalled() const;
+  std::string recommendedModel() const;
+  OllamaRuntime runtime() const;
+
+  // Pairing.
+  std::string pairingPayload() const;
+  void newPairingCode();
+  bool removeDevice(const Uuid& id);
+
+  // Requests from the AI service.
+  boost::asio::awaitable<HTTPHandlerResult> route(HTTPRequest request);
+
+  // Statistics and the conversation log.
+  void noteRequestedModel(const std::optional<std::string>& model);
+  void endGeneration(std::int64_t tokens, Date since);
+  void recordReply();
+  std::optional<Uuid> beginConversationEntry(const std::string& prompt,
+                                             const std::string& deviceName);
+  void appendConversationToken(const std::string& text, const Uuid& id);
+  void completeConversationEntry(const Uuid& id);
+
+  DeviceRegistry& registry() { return registry_; }
+  const DeviceRegistry& registry() const { return registry_; }
+  SettingsStore& settings() { return settings_; }
+
+  // What the interface shows. Written on the main loop only.
+  struct Properties {
+    std::int64_t activeGenerations = 0;
+    std::optional<std::string> busyDeviceName;
+    std::optional<double> tokensPerSecond;
+    std::int64_t repliesToday = 0;
+    std::optional<Date> modelResidentSince;
+    std::optional<std::string> lastPairedDeviceName;
+    std::optional<Date> lastPairedAt;
+    std::optional<PullProgress> pullProgress;
+    std::optional<std::string> pullPausedModel;
+    std::optional<std::string> pullError;
+    bool isServerRunning = false;
+    std::uint16_t serverPort = defaultServerPort;
+    std::optional<std::string> serverError;
+    bool isOllamaAvailable = false;
+    std::optional<std::string> ollamaError;
+    std::vector<OllamaModel> models;
+    std::string activeModel;
+    std::string baseURLText;
+    bool reliabilityModeEnabled = false;
+    bool startAtLoginEnabled = false;
+    std::string lastEvent = "Starting Orin Link...";
+    std::vector<OrinLinkEndpoint> endpointCandidates;
+    std::string manualEndpointHost;
+    OrinLinkConnectionKind manualEndpointKind = OrinLinkConnectionKind::manual;
+    std::optional<std::string> availabilityError;
+    std::int64_t setupTick = 0;
+    bool showConversations = false;
+    std::deque<ConversationEntry> conversationLog;
+    std::optional<std::string> lastRequestedModel;
+  };
+  const Properties& properties() const { return p_; }
+  // The settings window's edits go here, then saveSettings().
+  Properties& editableProperties() { return p_; }
+
+  // Writes one property and tells the observers.
+  template <class T, class V>
+  void set(T Properties::*member, V&& value, std::string_view name) {
+    p_.*member = std::forward<V>(value);
+    changed(name);
+  }
+  void changed(std::string_view property);
+
+ private:
+  explicit AppState(Environment environment);
+  void readSettings();
+  void startSetupTimer();
+  void watchForOllama();
+
+  boost::asio::awaitable<HTTPHandlerResult> routeUnsafe(HTTPRequest request);
+  HTTPResponse handlePair(const HTTPRequest& request);
+  boost::asio::awaitable<OrinLinkResponse> handleGenerate(HTTPRequest request);
+  TextChunkStream handleGenerateStream(const HTTPRequest& request);
+  OrinLinkStatusPayload statusPayload() const;
+  std::string beginGeneration(const HTTPRequest& request);
+
+  Environment env_;
+  SettingsStore settings_;
+  DeviceRegistry registry_;
+  Properties p_;
+  std::map<std::uint64_t, Observer> observers_;
+  std::uint64_t nextSubscription_ = 0;
+  std::unique_ptr<LocalHTTPServer> server_;
+  std::optional<boost::asio::steady_timer> setupTimer_;
+  std::shared_ptr<boost::asio::cancellation_signal> pullCancel_;
+  std::shared_ptr<boost::asio::cancellation_signal> watchCancel_;
+  std::optional<Date> lastModelWarmAt_;
+  std::uint64_t physicalMemoryGB_ = 0;
+  bool launched_ = false;
+};
+
+// The model recommended for a machine with this much memory (rounded GiB).
+std::string defaultModelForMemory(std::uint64_t physicalMemoryGB);
+
+}  // namespace orin

@@ -1,0 +1,109 @@
+#include "OrinLink/core/Application.h"
+
+#include <csignal>
+#include <cstdio>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/thread_pool.hpp>
+
+#include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/concurrency/SerialExecutor.h"
+#include "OrinLink/core/AppState.h"
+#include "OrinLink/core/SettingsStore.h"
+#include "OrinLink/core/SystemActions.h"
+#include "OrinLink/server/AvahiAdvertiser.h"
+#include "OrinLink/ui/ControlAPI.h"
+#include "OrinLink/ui/TerminalView.h"
+
+namespace orin {
+
+namespace asio = boost::asio;
+
+std::uint16_t controlPort(const std::filesystem::path& configDirectory) {
+  const SettingsStore settings(configDirectory / "settings.json");
+  const std::int64_t port = settings.integer("controlPort");
+  return port > 0 && port <= 65535 ? static_cast<std::uint16_t>(port) : ControlAPI::defaultPort;
+}
+
+int runApplication(const ApplicationOptions& options) {
+  // Declared in the order they may be torn down in reverse: loops last.
+  asio::io_context mainLoop(1);
+  asio::thread_pool background(1);
+  SerialExecutor httpLoop("orinlink.http");
+  PosixSystemActions system;
+
+  std::optional<AvahiAdvertiser> advertiser;
+  std::weak_ptr<AppState> weakApp;
+  if (options.advertise) {
+    advertiser.emplace([&mainLoop, &weakApp](bool available) {
+      asio::post(mainLoop, [&weakApp, available] {
+        static std::optional<bool> reported;
+        auto app = weakApp.lock();
+        if (!app || reported == available) return;
+        reported = available;
+        app->set(&AppState::Properties::lastEvent,
+                 std::string(available ? "Discovery is available: devices on this network can "
+                                         "find Orin Link."
+                                       : "Discovery is unavailable (no Avahi daemon), so devices "
+                                         "must be given an address. Everything else works."),
+                 "lastEvent");
+      });
+    });
+  }
+
+  AppState::Environment environment;
+  environment.mainExecutor = mainLoop.get_executor();
+  environment.httpExecutor = httpLoop.executor();
+  environment.backgroundExecutor = background.get_executor();
+  environment.settingsFile = options.configDirectory / "settings.json";
+  environment.registryFile = options.dataDirectory / "paired-devices.json";
+  environment.system = &system;
+  environment.advertiser = advertiser ? &*advertiser : nullptr;
+  environment.serviceName =
+      system.computerName().value_or(std::string(LocalHTTPServer::defaultServiceName));
+
+  std::shared_ptr<AppState> app;
+  try {
+    app = AppState::make(environment);
+  } catch (const StartupError& error) {
+    std::fprintf(stderr, "orinlink: %s\n", error.what());
+    return 1;
+  }
+  weakApp = app;
+
+  std::string secret;
+  try {
+    secret = ControlAPI::loadOrCreateSecret(options.configDirectory / "control-secret");
+  } catch (...) {
+    std::fprintf(stderr, "orinlink: could not keep the control secret in %s: %s\n",
+                 options.configDirectory.c_str(), describe(std::current_exception()).c_str());
+    return 1;
+  }
+  const std::uint16_t port = controlPort(options.configDirectory);
+  ControlAPI control(app, secret, port, httpLoop.executor(), mainLoop.get_executor());
+  control.setStateChanged([port](bool running, std::uint16_t, std::optional<std::string> error) {
+    if (!running) {
+      std::fprintf(stderr, "orinlink: the control API could not listen on 127.0.0.1:%u: %s\n",
+                   static_cast<unsigned>(port), error.value_or("unknown error").c_str());
+    }
+  });
+
+  TerminalView view(app, mainLoop.get_executor());
+  app->launch();
+  control.start();
+
+  asio::signal_set signals(mainLoop, SIGINT, SIGTERM);
+  signals.async_wait([&](const boost::system::error_code& ec, int) {
+    if (ec) return;
+    app->shutdown();
+    control.stop();
+    mainLoop.stop();
+  });
+  mainLoop.run();
+  if (view.isLive()) std::fputs("\n", stdout);
+  return 0;
+}
+
+}  // namespace orin

@@ -1,0 +1,181 @@
+#include "OrinLink/runtime/OllamaExchange.h"
+
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/ssl/host_name_verification.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <boost/beast/http/write.hpp>
+#include <openssl/ssl.h>
+
+#include "OrinLinkShared/Text.h"
+
+namespace orin {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using boost::system::error_code;
+
+namespace {
+
+// Bounds what a whole reply or a single line may hold, so a runaway answer cannot exhaust memory.
+constexpr std::size_t maxWholeBodyBytes = 64 * 1024 * 1024;
+constexpr std::size_t maxLineBytes = 16 * 1024 * 1024;
+
+[[noreturn]] void fail(error_code ec) {
+  // A connection that ends early is the transport's failure; anything the parser rejected means
+  // the answer was not HTTP.
+  const bool parserRejected =
+      ec.category() == http::make_error_code(http::error::bad_version).category() &&
+      ec != http::error::end_of_stream && ec != http::error::partial_message;
+  if (parserRejected) throw OllamaError::badResponse();
+  throw boost::system::system_error(ec);
+}
+
+std::string hostHeader(const OllamaEndpoint& endpoint) {
+  const bool ipv6 = endpoint.host.find(':') != std::string::npos;
+  return (ipv6 ? "[" + endpoint.host + "]" : endpoint.host) + ":" + std::to_string(endpoint.port);
+}
+
+}  // namespace
+
+OllamaExchange::OllamaExchange(asio::any_io_executor executor,
+                               std::shared_ptr<asio::ssl::context> tls,
+                               std::chrono::steady_clock::duration idleTimeout)
+    : tlsContext_(std::move(tls)), idleTimeout_(idleTimeout), resolver_(executor), tcp_(executor) {
+  // Streams may run for hours; only the per-read idle time-out bounds them.
+  parser_.body_limit(boost::none);
+}
+
+asio::awaitable<unsigned> OllamaExchange::begin(OllamaEndpoint endpoint, http::verb method,
+                                                std::string path,
+                                                std::optional<std::string> jsonBody) {
+  // Temporaries stay out of co_await expressions: GCC 12 may destroy them twice.
+  const std::string service = std::to_string(endpoint.port);
+  const auto addresses =
+      co_await resolver_.async_resolve(endpoint.host, service, asio::use_awaitable);
+  throwIfClosed();
+  tcp_.expires_after(idleTimeout_);
+  co_await tcp_.async_connect(addresses, asio::use_awaitable);
+  throwIfClosed();
+
+  if (tlsContext_) {
+    tls_.emplace(tcp_, *tlsContext_);
+    error_code notAnAddress;
+    asio::ip::make_address(endpoint.host, notAnAddress);
+    // Server names are never IP literals. (SSL_set_tlsext_host_name spelled out: the macro casts
+    // in C style.)
+    if (notAnAddress &&
+        SSL_ctrl(tls_->native_handle(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                 const_cast<char*>(endpoint.host.c_str())) != 1) {
+      throw boost::system::system_error(asio::error::invalid_argument);
+    }
+    tls_->set_verify_mode(asio::ssl::verify_peer);
+    tls_->set_verify_callback(asio::ssl::host_name_verification(endpoint.host));
+    tcp_.expires_after(idleTimeout_);
+    co_await tls_->async_handshake(asio::ssl::stream_base::client, asio::use_awaitable);
+    throwIfClosed();
+  }
+
+  http::request<http::string_body> request{method, endpoint.pathPrefix + path, 11};
+  // The daemon checks Host against the address it listens on, port included.
+  request.set(http::field::host, hostHeader(endpoint));
+  request.keep_alive(false);
+  if (jsonBody) {
+    request.set(http::field::content_type, "application/json");
+    request.body() = std::move(*jsonBody);
+  }
+  request.prepare_payload();
+
+  tcp_.expires_after(idleTimeout_);
+  co_await onStream(
+      [&](auto& stream) { return http::async_write(stream, request, asio::use_awaitable); });
+  throwIfClosed();
+
+  tcp_.expires_after(idleTimeout_);
+  auto [ec, read] = co_await onStream([&](auto& stream) {
+    return http::async_read_header(stream, buffer_, parser_, asio::as_tuple(asio::use_awaitable));
+  });
+  (void)read;
+  throwIfClosed();
+  if (ec) fail(ec);
+  co_return parser_.get().result_int();
+}
+
+asio::awaitable<std::optional<std::string_view>> OllamaExchange::readBody() {
+  while (!parser_.is_done()) {
+    auto& body = parser_.get().body();
+    body.data = chunk_.data();
+    body.size = chunk_.size();
+    tcp_.expires_after(idleTimeout_);
+    auto [ec, read] = co_await onStream([&](auto& stream) {
+      return http::async_read_some(stream, buffer_, parser_, asio::as_tuple(asio::use_awaitable));
+    });
+    (void)read;
+    throwIfClosed();
+    if (ec && ec != http::error::need_buffer) fail(ec);
+    const std::size_t produced = chunk_.size() - parser_.get().body().size;
+    if (produced > 0) co_return std::string_view(chunk_.data(), produced);
+  }
+  co_return std::nullopt;
+}
+
+asio::awaitable<std::string> OllamaExchange::readWholeBody() {
+  std::string whole;
+  while (true) {
+    const std::optional<std::string_view> bytes = co_await readBody();
+    if (!bytes) break;
+    if (whole.size() + bytes->size() > maxWholeBodyBytes) throw OllamaError::badResponse();
+    whole.append(*bytes);
+  }
+  co_return whole;
+}
+
+asio::awaitable<std::optional<std::string>> OllamaExchange::readLine() {
+  std::size_t scanned = 0;
+  while (true) {
+    const std::size_t newline = pendingLines_.find('\n', scanned);
+    if (newline != std::string::npos) {
+      const std::string_view line =
+          text::trimmed(std::string_view(pendingLines_).substr(0, newline));
+      std::optional<std::string> out;
+      if (!line.empty()) out.emplace(line);
+      pendingLines_.erase(0, newline + 1);
+      scanned = 0;
+      if (out) co_return out;
+      continue;
+    }
+    if (bodyEnded_) {
+      // The last line may lack its line feed.
+      const std::string_view rest = text::trimmed(pendingLines_);
+      std::optional<std::string> out;
+      if (!rest.empty()) out.emplace(rest);
+      pendingLines_.clear();
+      co_return out;
+    }
+    if (pendingLines_.size() > maxLineBytes) throw OllamaError::badResponse();
+    scanned = pendingLines_.size();
+    const std::optional<std::string_view> bytes = co_await readBody();
+    if (bytes) {
+      pendingLines_.append(*bytes);
+    } else {
+      bodyEnded_ = true;
+    }
+  }
+}
+
+void OllamaExchange::throwIfClosed() const {
+  if (closed_) throw boost::system::system_error(asio::error::operation_aborted);
+}
+
+void OllamaExchange::close() {
+  closed_ = true;
+  resolver_.cancel();
+  // Also cancels the idle timer, so nothing of this exchange stays pending.
+  tcp_.close();
+}
+
+}  // namespace orin

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/stream.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/buffer_body.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/verb.hpp>
+
+#include "OrinLink/runtime/OllamaRuntime.h"
+
+namespace orin {
+
+// One HTTP request to the daemon on a connection of its own, over TCP or TLS. Every step waits at
+// most the idle time-out for the next bytes. Transport failures surface as
+// boost::system::system_error; an answer that is not HTTP as OllamaError::badResponse.
+class OllamaExchange {
+ public:
+  // `tls` is the client context for https endpoints, null for http.
+  OllamaExchange(boost::asio::any_io_executor executor,
+                 std::shared_ptr<boost::asio::ssl::context> tls,
+                 std::chrono::steady_clock::duration idleTimeout);
+  OllamaExchange(const OllamaExchange&) = delete;
+  OllamaExchange& operator=(const OllamaExchange&) = delete;
+
+  // Connects, sends the request for `path` (relative to the endpoint's prefix) and reads the
+  // response head. Returns the status code.
+  boost::asio::awaitable<unsigned> begin(OllamaEndpoint endpoint, boost::beast::http::verb method,
+                                         std::string path, std::optional<std::string> jsonBody);
+
+  // The next body bytes as they arrive, valid until the next call; nothing at the body's end.
+  boost::asio::awaitable<std::optional<std::string_view>> readBody();
+  boost::asio::awaitable<std::string> readWholeBody();
+  // The next line of the body that is not blank, trimmed; nothing at the body's end.
+  boost::asio::awaitable<std::optional<std::string>> readLine();
+
+  // Makes whatever is pending fail at once. Call on the exchange's executor.
+  void close();
+
+ private:
+  using TLSStream = boost::asio::ssl::stream<boost::beast::tcp_stream&>;
+
+  // Both stream kinds give the same awaitable type for the same operation.
+  // A step that completed after close() still ends the exchange.
+  void throwIfClosed() const;
+
+  template <class Operation>
+  auto onStream(Operation operation) {
+    if (tls_) return operation(*tls_);
+    return operation(tcp_);
+  }
+
+  std::shared_ptr<boost::asio::ssl::context> tlsContext_;
+  std::chrono::steady_clock::duration idleTimeout_;
+  boost::asio::ip::tcp::resolver resolver_;
+  boost::beast::tcp_stream tcp_;
+  std::optional<TLSStream> tls_;
+  boost::beast::flat_buffer buffer_;
+  boost::beast::http::response_parser<boost::beast::http::buffer_body> parser_;
+  std::array<char, 16 * 1024> chunk_{};
+  std::string pendingLines_;
+  bool bodyEnded_ = false;
+  bool closed_ = false;
+};
+
+}  // namespace orin

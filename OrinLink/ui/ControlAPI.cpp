@@ -1,0 +1,357 @@
+#include "OrinLink/ui/ControlAPI.h"
+
+#include <set>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/post.hpp>
+#include <openssl/crypto.h>
+#include <openssl/rand.h>
+
+#include "OrinLink/common/AtomicFile.h"
+#include "OrinLink/common/ErrorDescription.h"
+
+namespace orin {
+
+namespace asio = boost::asio;
+using Ordered = nlohmann::ordered_json;
+
+namespace {
+
+HTTPResponse jsonReply(int status, const Ordered& body) {
+  HTTPResponse response{status, std::string(reasonPhrase(status)), HTTPResponse::jsonHeaders(), ""};
+  try {
+    response.body = json::serialize(body);
+  } catch (const EncodingError&) {
+  }
+  return response;
+}
+
+HTTPResponse errorReply(int status, std::string code, std::string message) {
+  return HTTPResponse::json(OrinLinkErrorResponse::make(std::move(code), std::move(message)),
+                            status, std::string(reasonPhrase(status)));
+}
+
+Ordered optionalText(const std::optional<std::string>& text) {
+  return text ? Ordered(*text) : Ordered(nullptr);
+}
+
+Ordered optionalDate(const std::optional<Date>& date) {
+  return date ? Ordered(date->iso8601()) : Ordered(nullptr);
+}
+
+std::string_view installStateName(OllamaInstallState state) {
+  switch (state) {
+    case OllamaInstallState::running:
+      return "running";
+    case OllamaInstallState::installed:
+      return "installed";
+    case OllamaInstallState::notInstalled:
+      break;
+  }
+  return "notInstalled";
+}
+
+std::optional<std::string> cookieValue(const HTTPRequest& request, std::string_view name) {
+  const auto it = request.headers.find("cookie");
+  if (it == request.headers.end()) return std::nullopt;
+  std::string_view rest = it->second;
+  while (!rest.empty()) {
+    const std::size_t end = std::min(rest.find(';'), rest.size());
+    std::string_view pair = rest.substr(0, end);
+    while (!pair.empty() && pair.front() == ' ')
+      pair.remove_prefix(1);
+    if (pair.starts_with(name) && pair.size() > name.size() && pair[name.size()] == '=') {
+      return std::string(pair.substr(name.size() + 1));
+    }
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return std::nullopt;
+}
+
+bool constantTimeEqual(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
+}  // namespace
+
+std::filesystem::path ControlAPI::defaultSecretFile() {
+  return defaultConfigDirectory() / "control-secret";
+}
+
+std::string ControlAPI::loadOrCreateSecret(const std::filesystem::path& file) {
+  if (auto existing = readFile(file)) {
+    std::string secret(*existing);
+    while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r'))
+      secret.pop_back();
+    if (secret.size() >= 32) return secret;
+  }
+  unsigned char bytes[32];
+  if (RAND_bytes(bytes, sizeof bytes) != 1) throw Error("Could not create the control secret.");
+  static constexpr char hex[] = "0123456789abcdef";
+  std::string secret;
+  for (const unsigned char b : bytes) {
+    secret.push_back(hex[b >> 4]);
+    secret.push_back(hex[b & 0x0F]);
+  }
+  createPrivateDirectory(file.parent_path(), 0700);
+  writeFileAtomically(file, secret + "\n", 0600);
+  return secret;
+}
+
+ControlAPI::ControlAPI(std::shared_ptr<AppState> app, std::string secret, std::uint16_t port,
+                       asio::any_io_executor serverExecutor, asio::any_io_executor mainExecutor)
+    : app_(app), secret_(std::move(secret)), mainExecutor_(mainExecutor) {
+  LocalHTTPServer::Options options;
+  options.port = port;
+  options.bindAddress = asio::ip::address_v4::loopback();
+  server_ = std::make_unique<LocalHTTPServer>(
+      options, std::move(serverExecutor), std::move(mainExecutor),
+      [this](HTTPRequest request) { return handle(std::move(request)); });
+}
+
+ControlAPI::~ControlAPI() {
+  stop();
+}
+
+void ControlAPI::setStateChanged(LocalHTTPServer::StateChanged callback) {
+  server_->setStateChanged(std::move(callback));
+}
+
+void ControlAPI::start() {
+  server_->start();
+}
+void ControlAPI::stop() {
+  server_->stop();
+}
+std::uint16_t ControlAPI::port() const {
+  return server_->port();
+}
+
+bool ControlAPI::hostAllowed(const HTTPRequest& request) const {
+  const auto it = request.headers.find("host");
+  if (it == request.headers.end()) return false;
+  const std::string port = std::to_string(server_->port());
+  return it->second == "127.0.0.1:" + port || it->second == "localhost:" + port ||
+         it->second == "[::1]:" + port;
+}
+
+bool ControlAPI::originAllowed(const HTTPRequest& request) const {
+  const auto it = request.headers.find("origin");
+  // Browsers always name the origin of a cross-site request; other clients need not.
+  if (it == request.headers.end()) return true;
+  const std::string port = std::to_string(server_->port());
+  return it->second == "http://127.0.0.1:" + port || it->second == "http://localhost:" + port ||
+         it->second == "http://[::1]:" + port;
+}
+
+bool ControlAPI::hasSecret(const HTTPRequest& request) const {
+  if (auto token = request.bearerToken(); token && constantTimeEqual(*token, secret_)) return true;
+  if (auto cookie = cookieValue(request, sessionCookie);
+      cookie && constantTimeEqual(*cookie, secret_)) {
+    return true;
+  }
+  return false;
+}
+
+asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
+  if (!hostAllowed(request)) {
+    co_return HTTPHandlerResult::response(
+        errorReply(HTTPStatus::forbidden, "forbidden", "This address is not allowed here."));
+  }
+  if (!hasSecret(request)) {
+    co_return HTTPHandlerResult::response(errorReply(
+        HTTPStatus::unauthorized, "unauthorized",
+        "Open the control panel from Orin Link, or pass the secret from its control-secret file."));
+  }
+  const std::string path = request.path.substr(0, request.path.find('?'));
+  auto app = app_.lock();
+  if (!app) {
+    co_return HTTPHandlerResult::response(
+        errorReply(HTTPStatus::internalServerError, "unavailable", "Orin Link is shutting down."));
+  }
+  if (request.method == "GET" && path == "/api/state") {
+    co_return HTTPHandlerResult::response(jsonReply(HTTPStatus::ok, snapshot(*app)));
+  }
+  if (request.method == "GET" && path == "/api/events") {
+    co_return HTTPHandlerResult::eventStream(changeStream());
+  }
+  if (request.method == "POST" && path.starts_with("/api/")) {
+    if (!originAllowed(request)) {
+      co_return HTTPHandlerResult::response(errorReply(
+          HTTPStatus::forbidden, "forbidden", "Changes are accepted only from the control panel."));
+    }
+    try {
+      co_return HTTPHandlerResult::response(performOperation(path, request));
+    } catch (...) {
+      co_return HTTPHandlerResult::response(
+          errorReply(HTTPStatus::badRequest, "bad_request", describe(std::current_exception())));
+    }
+  }
+  co_return HTTPHandlerResult::response(
+      errorReply(HTTPStatus::notFound, "not_found", "Nothing is at " + request.path + "."));
+}
+
+HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPRequest& request) {
+  auto app = app_.lock();
+  const json::Value body = request.body.empty() ? json::Value::object() : json::parse(request.body);
+  const json::ObjectReader args(body, json::CodingPath{});
+  if (path == "/api/pairing/new-code") {
+    app->newPairingCode();
+  } else if (path == "/api/devices/remove") {
+    if (!app->removeDevice(args.required<Uuid>("id"))) {
+      return errorReply(HTTPStatus::notFound, "not_found", "No paired device has that id.");
+    }
+  } else if (path == "/api/server/start") {
+    app->startServer();
+  } else if (path == "/api/server/stop") {
+    app->stopServer();
+  } else if (path == "/api/settings") {
+    auto& p = app->editableProperties();
+    if (auto port = args.optional<std::uint16_t>("serverPort")) p.serverPort = *port;
+    if (auto model = args.optional<std::string>("activeModel")) p.activeModel = *model;
+    if (auto url = args.optional<std::string>("ollamaBaseURL")) p.baseURLText = *url;
+    if (auto on = args.optional<bool>("reliabilityModeEnabled")) p.reliabilityModeEnabled = *on;
+    if (auto on = args.optional<bool>("startAtLoginEnabled")) p.startAtLoginEnabled = *on;
+    if (auto host = args.optional<std::string>("manualEndpointHost")) p.manualEndpointHost = *host;
+    if (auto kind = args.optional<OrinLinkConnectionKind>("manualEndpointKind")) {
+      p.manualEndpointKind = *kind;
+    }
+    app->saveSettings();
+  } else if (path == "/api/conversations") {
+    app->setShowConversations(args.required<bool>("show"));
+  } else if (path == "/api/runtime/refresh") {
+    asio::co_spawn(
+        mainExecutor_, [app]() -> asio::awaitable<void> { co_await app->refreshRuntimeStatus(); },
+        asio::detached);
+  } else if (path == "/api/runtime/start-ollama") {
+    app->startOllama();
+  } else if (path == "/api/runtime/download-ollama") {
+    app->openOllamaDownload();
+  } else if (path == "/api/runtime/pull") {
+    app->pullModel(args.optional<std::string>("model").value_or(app->properties().activeModel));
+  } else if (path == "/api/runtime/pause") {
+    app->cancelPull();
+  } else if (path == "/api/runtime/warm") {
+    app->warmActiveModel(true);
+  } else {
+    return errorReply(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
+  }
+  return jsonReply(HTTPStatus::ok, snapshot(*app));
+}
+
+// One event per turn of the main loop, naming every property that changed in it.
+TextChunkStream ControlAPI::changeStream() {
+  auto app = app_.lock();
+  auto made = TextChunkStream::make();
+  TextChunkStream stream = std::move(made.first);
+  const TextChunkStream::Continuation continuation = made.second;
+  struct Pending {
+    std::set<std::string> names;
+    bool flushScheduled = false;
+  };
+  auto pending = std::make_shared<Pending>();
+  const auto subscription =
+      app->observe([pending, continuation, main = mainExecutor_](std::string_view property) {
+        pending->names.emplace(property);
+        if (pending->flushScheduled) return;
+        pending->flushScheduled = true;
+        asio::post(main, [pending, continuation] {
+          pending->flushScheduled = false;
+          Ordered event = {{"changed", pending->names}};
+          pending->names.clear();
+          continuation.yield(event.dump());
+        });
+      });
+  continuation.onTermination([weak = app_, subscription, main = mainExecutor_](auto) {
+    asio::post(main, [weak, subscription] {
+      if (auto owner = weak.lock()) owner->unobserve(subscription);
+    });
+  });
+  continuation.yield(Ordered({{"changed", Ordered::array()}}).dump());
+  return stream;
+}
+
+Ordered ControlAPI::snapshot(const AppState& app) {
+  const auto& p = app.properties();
+  const auto& registry = app.registry();
+
+  Ordered devices = Ordered::array();
+  for (const auto& device : registry.devices()) {
+    devices.push_back({{"id", device.id.string()},
+                       {"deviceId", device.deviceId},
+                       {"displayName", device.displayName},
+                       {"pairedAt", device.pairedAt.iso8601()},
+                       {"lastSeenAt", optionalDate(device.lastSeenAt)}});
+  }
+  Ordered endpoints = Ordered::array();
+  for (const auto& endpoint : p.endpointCandidates)
+    endpoints.push_back(endpoint.encode());
+  Ordered models = Ordered::array();
+  for (const auto& model : p.models)
+    models.push_back(model.name);
+  Ordered pull = nullptr;
+  if (p.pullProgress) {
+    pull = {{"status", p.pullProgress->status},
+            {"fraction",
+             p.pullProgress->fraction ? Ordered(*p.pullProgress->fraction) : Ordered(nullptr)},
+            {"completedBytes", p.pullProgress->completedBytes},
+            {"totalBytes", p.pullProgress->totalBytes}};
+  }
+  Ordered log = Ordered::array();
+  for (const auto& entry : p.conversationLog) {
+    log.push_back({{"id", entry.id.string()},
+                   {"date", entry.date.iso8601()},
+                   {"deviceName", entry.deviceName},
+                   {"prompt", entry.prompt},
+                   {"response", entry.response},
+                   {"isComplete", entry.isComplete}});
+  }
+
+  return {
+      {"pairing",
+       {{"code", registry.pairingCode()},
+        {"remainingSeconds", registry.pairingCodeRemainingSeconds()},
+        {"expiresAt",
+         registry.pairingCodeCreatedAt().adding(DeviceRegistry::pairingCodeLifetime).iso8601()},
+        {"payload", app.pairingPayload()}}},
+      {"devices", devices},
+      {"endpoints", endpoints},
+      {"server",
+       {{"running", p.isServerRunning},
+        {"port", p.serverPort},
+        {"error", optionalText(p.serverError)}}},
+      {"runtime",
+       {{"available", p.isOllamaAvailable},
+        {"error", optionalText(p.ollamaError)},
+        {"installState", installStateName(app.ollamaInstallState())},
+        {"models", models},
+        {"activeModel", p.activeModel},
+        {"activeModelInstalled", app.isActiveModelInstalled()},
+        {"recommendedModel", app.recommendedModel()},
+        {"baseURL", p.baseURLText},
+        {"modelResidentSince", optionalDate(p.modelResidentSince)},
+        {"pull", pull},
+        {"pullError", optionalText(p.pullError)}}},
+      {"statistics",
+       {{"activeGenerations", p.activeGenerations},
+        {"busyDeviceName", optionalText(p.busyDeviceName)},
+        {"tokensPerSecond", p.tokensPerSecond ? Ordered(*p.tokensPerSecond) : Ordered(nullptr)},
+        {"repliesToday", p.repliesToday}}},
+      {"conversations", {{"show", p.showConversations}, {"log", log}}},
+      {"settings",
+       {{"serverPort", p.serverPort},
+        {"activeModel", p.activeModel},
+        {"ollamaBaseURL", p.baseURLText},
+        {"reliabilityModeEnabled", p.reliabilityModeEnabled},
+        {"startAtLoginEnabled", p.startAtLoginEnabled},
+        {"manualEndpointHost", p.manualEndpointHost},
+        {"manualEndpointKind", std::string(rawValue(p.manualEndpointKind))}}},
+      {"lastPairedDeviceName", optionalText(p.lastPairedDeviceName)},
+      {"lastPairedAt", optionalDate(p.lastPairedAt)},
+      {"availabilityError", optionalText(p.availabilityError)},
+      {"lastEvent", p.lastEvent},
+  };
+}
+
+}  // namespace orin

@@ -1,0 +1,544 @@
+#include <chrono>
+#include <cstdio>
+#include <fcntl.h>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdexcept>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/redirect_error.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http.hpp>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+extern char** environ;
+
+namespace {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using asio::ip::tcp;
+using Json = nlohmann::ordered_json;
+
+// Generous: only a broken stand-in ever gets near it.
+constexpr auto kBound = std::chrono::seconds(20);
+
+const char* const kConfig = R"({
+  "models": [
+    {"name": "plain:latest", "reply": "Hello there, friend!"},
+    {"name": "thinker:8b", "thinking": "supported", "thinking_reply": "Let me see.", "reply": "Sure."},
+    {"name": "refuser:1b", "thinking": "refuses-key", "reply": "Fine."},
+    {"name": "slow:1b", "token_rate": 20, "reply": {"piece": " tok", "count": 10000}},
+    {"name": "cutter:1b", "reply": {"piece": " tok", "count": 10}, "fault": {"cut_after": 3}},
+    {"name": "broken:1b", "fault": {"status": 503, "error": "overloaded"}},
+    {"name": "fresh:1b", "installed": false, "size": 1010, "pull": {"step": 250, "layers": [
+      {"digest": "sha256:aaaaaaaaaaaa0000000000000000000000000000000000000000000000000000", "total": 1000},
+      {"digest": "sha256:bbbbbbbbbbbb0000000000000000000000000000000000000000000000000000", "total": 10}]}},
+    {"name": "paused:1b", "installed": false, "pull": {"step": 50, "step_delay_ms": 20, "layers": [
+      {"digest": "sha256:cccccccccccc0000000000000000000000000000000000000000000000000000", "total": 1000}]}},
+    {"name": "flaky:1b", "installed": false, "pull": {"step": 100, "fail_after_steps": 2,
+      "error": "connection reset", "layers": [
+      {"digest": "sha256:dddddddddddd0000000000000000000000000000000000000000000000000000", "total": 1000}]}}
+  ]
+})";
+
+struct Child {
+  pid_t pid = -1;
+  int output = -1;  // the child's stdout
+};
+
+Child spawn(const std::vector<std::string>& arguments) {
+  int pipeEnds[2];
+  if (pipe2(pipeEnds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
+  std::vector<std::string> words{STANDIN_PATH};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (std::string& word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
+  Child child;
+  const int failed = posix_spawn(&child.pid, STANDIN_PATH, &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipeEnds[1]);
+  child.output = pipeEnds[0];
+  if (failed != 0) throw std::runtime_error("cannot start " STANDIN_PATH);
+  return child;
+}
+
+// The first line of `fd`, or what came before its end or the bound.
+std::string readLine(int fd) {
+  std::string line;
+  const auto deadline = std::chrono::steady_clock::now() + kBound;
+  while (line.empty() || line.back() != '\n') {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd ready{fd, POLLIN, 0};
+    char byte = 0;
+    if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) break;
+    if (read(fd, &byte, 1) != 1) break;
+    line.push_back(byte);
+  }
+  return line;
+}
+
+int waitForExit(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return status;
+}
+
+// The stand-in as a child process on a free loopback port.
+class StandIn {
+ public:
+  explicit StandIn(const std::string& configPath)
+      : child_(spawn({"--port", "0", "--config", configPath, "--exit-with-parent"})) {
+    const std::string line = readLine(child_.output);
+    const std::string prefix = "listening on 127.0.0.1:";
+    if (!line.starts_with(prefix)) throw std::runtime_error("stand-in said: " + line);
+    port_ = static_cast<std::uint16_t>(std::stoi(line.substr(prefix.size())));
+  }
+  ~StandIn() {
+    kill(child_.pid, SIGTERM);
+    waitForExit(child_.pid);
+    close(child_.output);
+  }
+  StandIn(const StandIn&) = delete;
+  StandIn& operator=(const StandIn&) = delete;
+
+  std::uint16_t port() const { return port_; }
+
+ private:
+  Child child_;
+  std::uint16_t port_ = 0;
+};
+
+struct Reply {
+  unsigned status = 0;  // 0: no answer
+  std::string contentType;
+  bool chunked = false;
+  std::string body;
+  boost::system::error_code error;  // why reading stopped early, if it did
+
+  Json object() const { return Json::parse(body); }
+
+  std::vector<Json> lines() const {
+    std::vector<Json> result;
+    for (std::size_t start = 0, end; (end = body.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+      if (end > start) result.push_back(Json::parse(body.substr(start, end - start)));
+    }
+    return result;
+  }
+};
+
+// One keep-alive connection; every operation is bounded so a faulty server fails, not hangs.
+class Connection {
+ public:
+  explicit Connection(std::uint16_t port) : port_(port), socket_(io_) {
+    run([this]() -> asio::awaitable<void> {
+      co_await socket_.async_connect({asio::ip::address_v4::loopback(), port_},
+                                     asio::use_awaitable);
+    });
+  }
+
+  void send(http::verb verb, const std::string& target, const Json& body = nullptr) {
+    http::request<http::string_body> request{verb, target, 11};
+    request.set(http::field::host, "127.0.0.1:" + std::to_string(port_));
+    request.set(http::field::content_type, "application/json");
+    if (!body.is_null()) request.body() = body.dump();
+    request.prepare_payload();
+    parser_.emplace();
+    parser_->body_limit(boost::none);
+    run([&]() -> asio::awaitable<void> {
+      co_await http::async_write(socket_, request, asio::use_awaitable);
+    });
+  }
+
+  // Reads the answer until `wanted` lines have arrived, or to its end when 0.
+  Reply read(std::size_t wanted = 0) {
+    Reply reply;
+    const auto lines = [&] { return std::ranges::count(parser_->get().body(), '\n'); };
+    run([&]() -> asio::awaitable<void> {
+      auto token = asio::redirect_error(asio::use_awaitable, reply.error);
+      if (!parser_->is_header_done())
+        co_await http::async_read_header(socket_, buffer_, *parser_, token);
+      while (!reply.error && !parser_->is_done() &&
+             (wanted == 0 || lines() < static_cast<std::ptrdiff_t>(wanted))) {
+        co_await http::async_read_some(socket_, buffer_, *parser_, token);
+      }
+    });
+    if (parser_->is_header_done()) {
+      const auto& message = parser_->get();
+      reply.status = message.result_int();
+      reply.contentType = std::string(message[http::field::content_type]);
+      reply.chunked = message.chunked();
+      reply.body = message.body();
+    }
+    return reply;
+  }
+
+  Reply exchange(http::verb verb, const std::string& target, const Json& body = nullptr) {
+    send(verb, target, body);
+    return read();
+  }
+
+  void close() { socket_.close(); }
+
+ private:
+  template <class Operation>
+  void run(Operation operation) {
+    bool finished = false;
+    std::exception_ptr failure;
+    asio::co_spawn(io_, operation(), [&](std::exception_ptr error) {
+      finished = true;
+      failure = error;
+    });
+    io_.restart();
+    io_.run_for(kBound);
+    if (!finished) {
+      ADD_FAILURE() << "no answer within the bound";
+      socket_.close();
+      io_.restart();
+      io_.run();
+    }
+    if (failure) std::rethrow_exception(failure);
+  }
+
+  std::uint16_t port_;
+  asio::io_context io_;
+  tcp::socket socket_;
+  boost::beast::flat_buffer buffer_;
+  std::optional<http::response_parser<http::string_body>> parser_;
+};
+
+Json generateBody(const std::string& model, bool stream, std::optional<bool> think = false) {
+  Json body{{"model", model}, {"prompt", "Say hello"}, {"stream", stream}};
+  body["options"] = {{"temperature", 0.7}};
+  if (think) body["think"] = *think;
+  body["keep_alive"] = "2h";
+  return body;
+}
+
+// A pull line in short: "status completed/total" or "error: text".
+std::string describe(const Json& line) {
+  if (line.contains("error")) return "error: " + line["error"].get<std::string>();
+  std::string text = line["status"].get<std::string>();
+  if (line.contains("total")) {
+    text += " " + std::to_string(line.value("completed", 0)) + "/" +
+            std::to_string(line["total"].get<int>());
+  }
+  return text;
+}
+
+class StandInTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    configPath_ = testing::TempDir() + "standin-" + std::to_string(getpid()) + ".json";
+    std::ofstream(configPath_) << kConfig;
+  }
+  static void TearDownTestSuite() { std::remove(configPath_.c_str()); }
+
+  Reply call(http::verb verb, const std::string& target, const Json& body = nullptr) {
+    return Connection(standIn_.port()).exchange(verb, target, body);
+  }
+
+  Json stats() { return call(http::verb::get, "/standin/stats").object(); }
+
+  // Waits for the stand-in's counters to reach `until`, the event the test is about.
+  Json waitFor(const Json& until) {
+    Reply reply =
+        call(http::verb::post, "/standin/wait", {{"until", until}, {"timeout_ms", 20000}});
+    EXPECT_EQ(reply.status, 200u) << "stats never reached " << until.dump() << ": " << reply.body;
+    return reply.object();
+  }
+
+  std::vector<std::string> modelNames() {
+    std::vector<std::string> names;
+    const Json tags = call(http::verb::get, "/api/tags").object();
+    for (const Json& model : tags["models"])
+      names.push_back(model["name"]);
+    return names;
+  }
+
+  static inline std::string configPath_;
+  StandIn standIn_{configPath_};
+};
+
+TEST_F(StandInTest, TagsListInstalledModelsWithTheDaemonsKeys) {
+  Reply reply = call(http::verb::get, "/api/tags");
+  ASSERT_EQ(reply.status, 200u);
+  EXPECT_EQ(reply.contentType, "application/json; charset=utf-8");
+  const Json models = reply.object().at("models");
+  EXPECT_EQ(modelNames(), (std::vector<std::string>{"plain:latest", "thinker:8b", "refuser:1b",
+                                                    "slow:1b", "cutter:1b", "broken:1b"}));
+  for (const Json& model : models) {
+    for (const char* key : {"name", "model", "modified_at", "size", "digest", "details"}) {
+      EXPECT_TRUE(model.contains(key)) << key;
+    }
+    EXPECT_EQ(model["model"], model["name"]);
+    EXPECT_EQ(model["digest"].get<std::string>().size(), 64u);
+    for (const char* key :
+         {"parent_model", "format", "family", "families", "parameter_size", "quantization_level"}) {
+      EXPECT_TRUE(model["details"].contains(key)) << key;
+    }
+  }
+}
+
+TEST_F(StandInTest, GenerateRefusesLikeTheDaemon) {
+  struct Case {
+    const char* what;
+    Json body;
+    unsigned status;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"unknown model", generateBody("nope", false), 404,
+       "model \"nope\" not found, try pulling it first"},
+      {"model not pulled yet", generateBody("fresh:1b", true), 404,
+       "model \"fresh:1b\" not found, try pulling it first"},
+      {"thinking asked of a model without it", generateBody("plain", false, true), 400,
+       "\"plain\" does not support thinking"},
+      {"think false to a model refusing the key", generateBody("refuser:1b", true, false), 400,
+       "\"refuser:1b\" does not support thinking"},
+      {"think true to a model refusing the key", generateBody("refuser:1b", false, true), 400,
+       "\"refuser:1b\" does not support thinking"},
+      {"status fault", generateBody("broken:1b", true), 503, "overloaded"},
+      {"no model", {{"prompt", "hi"}}, 400, "model is required"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Reply reply = call(http::verb::post, "/api/generate", c.body);
+    EXPECT_EQ(reply.status, c.status);
+    EXPECT_EQ(reply.object(), Json({{"error", c.error}}));
+  }
+  EXPECT_EQ(stats()["generations_started"], 0);
+}
+
+TEST_F(StandInTest, GenerateAnswersWholeOrStreamedOnOneConnection) {
+  struct Case {
+    const char* what;
+    Json body;
+    std::string response;
+    std::string thinking;
+    std::string doneReason;
+  };
+  Json load = generateBody("plain:latest", false, std::nullopt);
+  load["prompt"] = "";
+  const Case cases[] = {
+      {"whole", generateBody("plain", false), "Hello there, friend!", "", "stop"},
+      {"streamed", generateBody("plain", true), "Hello there, friend!", "", "stop"},
+      {"no think key to a model refusing it", generateBody("refuser:1b", true, std::nullopt),
+       "Fine.", "", "stop"},
+      {"thinking streamed", generateBody("thinker:8b", true, true), "Sure.", "Let me see.", "stop"},
+      {"thinking whole", generateBody("thinker:8b", false, true), "Sure.", "Let me see.", "stop"},
+      {"load request", load, "", "", "load"},
+  };
+  Connection connection(standIn_.port());
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Reply reply = connection.exchange(http::verb::post, "/api/generate", c.body);
+    ASSERT_EQ(reply.status, 200u) << reply.body;
+    const bool streamed = c.body["stream"] && c.doneReason != "load";
+    EXPECT_EQ(reply.chunked, streamed);
+    EXPECT_EQ(reply.contentType,
+              streamed ? "application/x-ndjson" : "application/json; charset=utf-8");
+    std::vector<Json> lines = streamed ? reply.lines() : std::vector<Json>{reply.object()};
+    ASSERT_FALSE(lines.empty());
+    std::string response;
+    std::string thinking;
+    for (const Json& line : lines) {
+      EXPECT_EQ(line["model"], c.body["model"]);
+      EXPECT_TRUE(line["created_at"].is_string());
+      EXPECT_EQ(line["done"], &line == &lines.back());
+      response += line["response"].get<std::string>();
+      thinking += line.value("thinking", "");
+    }
+    EXPECT_EQ(response, c.response);
+    EXPECT_EQ(thinking, c.thinking);
+    const Json& last = lines.back();
+    EXPECT_EQ(last["done_reason"], c.doneReason);
+    if (streamed) {
+      EXPECT_EQ(last["response"], "");
+    }
+    if (c.doneReason == "stop") {
+      for (const char* key : {"context", "total_duration", "load_duration", "prompt_eval_count",
+                              "prompt_eval_duration", "eval_count", "eval_duration"}) {
+        EXPECT_TRUE(last.contains(key)) << key;
+      }
+      EXPECT_TRUE(last["context"].is_array());
+    }
+  }
+  EXPECT_EQ(waitFor({{"generations_completed", 5}})["generations_started"], 5);
+}
+
+TEST_F(StandInTest, CutFaultDropsTheConnectionMidAnswer) {
+  for (bool stream : {true, false}) {
+    SCOPED_TRACE(stream ? "streamed" : "whole");
+    Connection connection(standIn_.port());
+    connection.send(http::verb::post, "/api/generate", generateBody("cutter:1b", stream));
+    Reply reply = connection.read();
+    EXPECT_TRUE(reply.error) << "the answer ended properly";
+    EXPECT_EQ(reply.status, stream ? 200u : 0u);
+    EXPECT_EQ(reply.lines().size(), stream ? 3u : 0u);
+    for (const Json& line : reply.lines())
+      EXPECT_EQ(line["done"], false);
+  }
+  Json counters = waitFor({{"generations_cut", 2}});
+  EXPECT_EQ(counters["generations_completed"], 0);
+  EXPECT_EQ(counters["active_generations"], 0);
+}
+
+TEST_F(StandInTest, ClientDisconnectStopsTheGeneration) {
+  // 10,000 tokens at 20 per second: only the disconnect can end these in time.
+  struct Case {
+    bool stream;
+    std::size_t linesBeforeLeaving;
+  };
+  const Case cases[] = {{true, 2}, {false, 0}};
+  int cancelled = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.stream ? "streamed" : "whole");
+    Connection connection(standIn_.port());
+    connection.send(http::verb::post, "/api/generate", generateBody("slow:1b", c.stream));
+    waitFor({{"active_generations", 1}});
+    if (c.linesBeforeLeaving > 0) {
+      EXPECT_GE(connection.read(c.linesBeforeLeaving).lines().size(), c.linesBeforeLeaving);
+    }
+    connection.close();
+    Json counters = waitFor({{"generations_cancelled", ++cancelled}, {"active_generations", 0}});
+    EXPECT_EQ(counters["generations_completed"], 0);
+  }
+}
+
+TEST_F(StandInTest, PullStreamsProgressLikeTheDaemon) {
+  struct Case {
+    const char* what;
+    Json body;
+    unsigned status;
+    std::vector<std::string> lines;
+  };
+  const Case cases[] = {
+      {"unknown model",
+       {{"model", "nope"}},
+       200,
+       {"pulling manifest", "error: pull model manifest: file does not exist"}},
+      {"unknown model, whole",
+       {{"model", "nope"}, {"stream", false}},
+       500,
+       {"error: pull model manifest: file does not exist"}},
+      {"failing download",
+       {{"model", "flaky:1b"}, {"stream", true}},
+       200,
+       {"pulling manifest", "pulling dddddddddddd 0/1000", "pulling dddddddddddd 100/1000",
+        "pulling dddddddddddd 200/1000", "error: connection reset"}},
+      {"download",
+       {{"model", "fresh:1b"}, {"stream", true}},
+       200,
+       {"pulling manifest", "pulling aaaaaaaaaaaa 0/1000", "pulling aaaaaaaaaaaa 250/1000",
+        "pulling aaaaaaaaaaaa 500/1000", "pulling aaaaaaaaaaaa 750/1000",
+        "pulling aaaaaaaaaaaa 1000/1000", "pulling bbbbbbbbbbbb 0/10", "pulling bbbbbbbbbbbb 10/10",
+        "verifying sha256 digest", "writing manifest", "success"}},
+      {"installed model, whole, by the old key",
+       {{"name", "fresh:1b"}, {"stream", false}},
+       200,
+       {"success"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Reply reply = call(http::verb::post, "/api/pull", c.body);
+    EXPECT_EQ(reply.status, c.status);
+    const bool streamed = c.body.value("stream", true);
+    std::vector<std::string> lines;
+    for (const Json& line : streamed ? reply.lines() : std::vector<Json>{reply.object()}) {
+      lines.push_back(describe(line));
+    }
+    EXPECT_EQ(lines, c.lines);
+  }
+  EXPECT_EQ(modelNames().back(), "fresh:1b");
+  EXPECT_EQ(call(http::verb::post, "/api/generate", generateBody("fresh:1b", false)).status, 200u);
+  EXPECT_EQ(stats()["pull_requests"], 5);
+}
+
+TEST_F(StandInTest, InterruptedPullResumesWhereTheLayerGotTo) {
+  const Json body{{"model", "paused:1b"}, {"stream", true}};
+  Connection first(standIn_.port());
+  first.send(http::verb::post, "/api/pull", body);
+  const std::vector<Json> before = first.read(4).lines();
+  ASSERT_GE(before.size(), 4u);
+  const int reached = before[3]["completed"];
+  EXPECT_GT(reached, 0);
+  first.close();
+  waitFor({{"active_pulls", 0}, {"pull_requests", 1}});
+
+  Reply again = call(http::verb::post, "/api/pull", body);
+  const std::vector<Json> after = again.lines();
+  ASSERT_GE(after.size(), 2u);
+  EXPECT_GE(after[1].value("completed", 0), reached);
+  EXPECT_LT(after[1].value("completed", 0), 1000);
+  int previous = 0;
+  for (std::size_t i = 1; i + 3 < after.size(); ++i) {
+    EXPECT_GT(after[i]["completed"].get<int>(), previous);
+    previous = after[i]["completed"];
+  }
+  EXPECT_EQ(previous, 1000);
+  EXPECT_EQ(after.back()["status"], "success");
+}
+
+TEST_F(StandInTest, StatsKeepRequestsAsReceivedUntilReset) {
+  const Json generate = generateBody("plain", true, false);
+  const Json pull{{"name", "fresh:1b"}, {"stream", false}};
+  call(http::verb::post, "/api/generate", generate);
+  call(http::verb::post, "/api/pull", pull);
+  Json counters = waitFor({{"generations_completed", 1}});
+  EXPECT_EQ(counters["generations_started"], 1);
+  EXPECT_EQ(counters["generations_cancelled"], 0);
+  EXPECT_EQ(counters["pull_requests"], 1);
+  ASSERT_EQ(counters["requests"].size(), 2u);
+  // Key order too: it is what our client put on the wire.
+  EXPECT_EQ(counters["requests"][0].dump(), generate.dump());
+  EXPECT_EQ(counters["requests"][1].dump(), pull.dump());
+
+  Json cleared = call(http::verb::post, "/standin/reset").object();
+  EXPECT_EQ(cleared["generations_started"], 0);
+  EXPECT_EQ(cleared["pull_requests"], 0);
+  EXPECT_TRUE(cleared["requests"].empty());
+  EXPECT_EQ(stats(), cleared);
+  EXPECT_EQ(modelNames().size(), 6u) << "reset forgets pulled models";
+}
+
+TEST_F(StandInTest, ConfigCanBeReplacedAtRunTime) {
+  Reply rejected =
+      call(http::verb::post, "/standin/config", Json::parse(R"({"models": [{"nmae": "x"}]})"));
+  EXPECT_EQ(rejected.status, 400u);
+  EXPECT_NE(rejected.object()["error"].get<std::string>().find("nmae"), std::string::npos);
+
+  Reply accepted = call(http::verb::post, "/standin/config",
+                        Json::parse(R"({"models": [{"name": "solo:1b"}]})"));
+  EXPECT_EQ(accepted.status, 200u);
+  EXPECT_EQ(modelNames(), std::vector<std::string>{"solo:1b"});
+}
+
+TEST(StandInProcess, RefusesANonLoopbackHost) {
+  Child child = spawn({"--host", "0.0.0.0", "--port", "0"});
+  EXPECT_EQ(readLine(child.output), "");
+  const int status = waitForExit(child.pid);
+  close(child.output);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 0);
+}
+
+}  // namespace
