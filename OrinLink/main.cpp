@@ -1,5 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "OrinLink/common/AtomicFile.h"
@@ -12,7 +13,8 @@ namespace {
 
 using orin::ControlClient;
 
-ControlClient connect(const std::filesystem::path& configDirectory) {
+ControlClient connect(const std::filesystem::path& configDirectory,
+                      std::optional<std::uint16_t> port) {
   const auto secret = orin::readFile(configDirectory / "control-secret");
   if (!secret) {
     throw orin::Error("Orin Link has not run for this user yet. Start it with: orinlink");
@@ -20,7 +22,7 @@ ControlClient connect(const std::filesystem::path& configDirectory) {
   std::string text = *secret;
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
     text.pop_back();
-  return ControlClient(orin::controlPort(configDirectory), text);
+  return ControlClient(port.value_or(orin::controlPort(configDirectory)), text);
 }
 
 std::string minutesAndSeconds(std::int64_t seconds) {
@@ -87,11 +89,17 @@ int main(int argc, char** argv) {
   std::string configDirectory = orin::defaultConfigDirectory().string();
   std::string dataDirectory = orin::defaultDataDirectory().string();
   bool noAdvertise = false;
+  std::optional<std::uint16_t> serverPort;
+  std::optional<std::uint16_t> controlPortOption;
   cli.add_option("--config-dir", configDirectory, "Where settings and the control secret live")
       ->capture_default_str();
   cli.add_option("--data-dir", dataDirectory, "Where the paired devices are kept")
       ->capture_default_str();
   cli.add_flag("--no-advertise", noAdvertise, "Do not announce the service on the local network");
+  cli.add_option("--port", serverPort,
+                 "Serve the AI service on this port for this run (0: any free port)");
+  cli.add_option("--control-port", controlPortOption,
+                 "Serve the control API on this loopback port (0: any free port)");
 
   bool codeOnly = false;
   auto* pair = cli.add_subcommand("pair", "Show the pairing code of the running Orin Link");
@@ -104,10 +112,11 @@ int main(int argc, char** argv) {
   CLI11_PARSE(cli, argc, argv);
 
   if (cli.get_subcommands().empty()) {
-    return orin::runApplication({configDirectory, dataDirectory, !noAdvertise});
+    return orin::runApplication(
+        {configDirectory, dataDirectory, !noAdvertise, serverPort, controlPortOption});
   }
   try {
-    const ControlClient client = connect(configDirectory);
+    const ControlClient client = connect(configDirectory, controlPortOption);
     if (pair->parsed()) printPairing(client, codeOnly);
     if (status->parsed()) printStatus(client);
     if (devices->parsed()) {

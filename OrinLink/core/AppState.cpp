@@ -351,7 +351,9 @@ void AppState::watchForOllama() {
   watchCancel_ = std::make_shared<asio::cancellation_signal>();
   asio::co_spawn(
       env_.mainExecutor,
-      [weak = weak_from_this(), interval = env_.installWatchInterval]() -> asio::awaitable<void> {
+      // The coroutine holds its signal: its slot must not outlive it when a new watch replaces it.
+      [weak = weak_from_this(), interval = env_.installWatchInterval,
+       signal = watchCancel_]() -> asio::awaitable<void> {
         asio::steady_timer timer(co_await asio::this_coro::executor);
         for (int attempt = 0; attempt < installWatchAttempts; ++attempt) {
           timer.expires_after(interval);
@@ -410,7 +412,8 @@ void AppState::pullModel(const std::string& name) {
   pullCancel_ = std::make_shared<asio::cancellation_signal>();
   asio::co_spawn(
       env_.mainExecutor,
-      [weak = weak_from_this(), name, client = runtime()]() mutable -> asio::awaitable<void> {
+      [weak = weak_from_this(), name, client = runtime(),
+       signal = pullCancel_]() mutable -> asio::awaitable<void> {
         auto progress = client.pull(name);
         std::exception_ptr failure;
         try {

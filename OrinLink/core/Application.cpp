@@ -6,7 +6,6 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
-#include <boost/asio/thread_pool.hpp>
 
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/concurrency/SerialExecutor.h"
@@ -27,11 +26,10 @@ std::uint16_t controlPort(const std::filesystem::path& configDirectory) {
   return port > 0 && port <= 65535 ? static_cast<std::uint16_t>(port) : ControlAPI::defaultPort;
 }
 
-int runApplication(const ApplicationOptions& options) {
-  // Declared in the order they may be torn down in reverse: loops last.
-  asio::io_context mainLoop(1);
-  asio::thread_pool background(1);
-  SerialExecutor httpLoop("orinlink.http");
+namespace {
+
+int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecutor& httpLoop,
+            SerialExecutor& workLoop) {
   PosixSystemActions system;
 
   std::optional<AvahiAdvertiser> advertiser;
@@ -56,13 +54,14 @@ int runApplication(const ApplicationOptions& options) {
   AppState::Environment environment;
   environment.mainExecutor = mainLoop.get_executor();
   environment.httpExecutor = httpLoop.executor();
-  environment.backgroundExecutor = background.get_executor();
+  environment.backgroundExecutor = workLoop.executor();
   environment.settingsFile = options.configDirectory / "settings.json";
   environment.registryFile = options.dataDirectory / "paired-devices.json";
   environment.system = &system;
   environment.advertiser = advertiser ? &*advertiser : nullptr;
   environment.serviceName =
       system.computerName().value_or(std::string(LocalHTTPServer::defaultServiceName));
+  environment.serverPortOverride = options.serverPort;
 
   std::shared_ptr<AppState> app;
   try {
@@ -81,16 +80,19 @@ int runApplication(const ApplicationOptions& options) {
                  options.configDirectory.c_str(), describe(std::current_exception()).c_str());
     return 1;
   }
-  const std::uint16_t port = controlPort(options.configDirectory);
+  const std::uint16_t port = options.controlPort.value_or(controlPort(options.configDirectory));
   ControlAPI control(app, secret, port, httpLoop.executor(), mainLoop.get_executor());
-  control.setStateChanged([port](bool running, std::uint16_t, std::optional<std::string> error) {
-    if (!running) {
+  TerminalView view(app, mainLoop.get_executor());
+  control.setStateChanged([port, &view](bool running, std::uint16_t bound,
+                                        std::optional<std::string> error) {
+    if (running) {
+      view.setControlPort(bound);
+    } else {
       std::fprintf(stderr, "orinlink: the control API could not listen on 127.0.0.1:%u: %s\n",
                    static_cast<unsigned>(port), error.value_or("unknown error").c_str());
     }
   });
 
-  TerminalView view(app, mainLoop.get_executor());
   app->launch();
   control.start();
 
@@ -104,6 +106,17 @@ int runApplication(const ApplicationOptions& options) {
   mainLoop.run();
   if (view.isLive()) std::fputs("\n", stdout);
   return 0;
+}
+
+}  // namespace
+
+int runApplication(const ApplicationOptions& options) {
+  EventLoop mainLoop;
+  SerialExecutor httpLoop("orinlink.http");
+  SerialExecutor workLoop("orinlink.work");
+  const int status = runWith(options, mainLoop, httpLoop, workLoop);
+  shutDownLoops({&mainLoop}, {&httpLoop, &workLoop});
+  return status;
 }
 
 }  // namespace orin

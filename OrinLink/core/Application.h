@@ -10,6 +10,9 @@ struct ApplicationOptions {
   std::filesystem::path configDirectory;  // settings.json, control-secret
   std::filesystem::path dataDirectory;    // paired-devices.json
   bool advertise = true;
+  // For this run only, instead of the settings; 0 lets the system choose.
+  std::optional<std::uint16_t> serverPort;
+  std::optional<std::uint16_t> controlPort;
 };
 
 // Runs Orin Link until SIGINT or SIGTERM; returns the exit status.

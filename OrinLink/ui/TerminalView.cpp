@@ -20,6 +20,16 @@ TerminalView::~TerminalView() {
   if (auto app = app_.lock()) app->unobserve(subscription_);
 }
 
+void TerminalView::setControlPort(std::uint16_t port) {
+  controlPort_ = port;
+  if (live_) {
+    redraw();
+  } else {
+    std::fprintf(out_, "Control API on 127.0.0.1:%u.\n", static_cast<unsigned>(port));
+    std::fflush(out_);
+  }
+}
+
 void TerminalView::onChange(std::string_view property) {
   auto app = app_.lock();
   if (!app) return;
@@ -58,6 +68,9 @@ void TerminalView::redraw() {
   screen += "\nOllama        ";
   screen += p.isOllamaAvailable ? "ready, " + p.activeModel : std::string("not reachable");
   screen += "\nDevices       " + std::to_string(registry.devices().size()) + " paired";
+  if (controlPort_ != 0) {
+    screen += "\nControl API   http://127.0.0.1:" + std::to_string(controlPort_);
+  }
   screen += "\n\n" + p.lastEvent + "\n";
   // Drawn over the previous frame line by line, each line cleared to its end, so the view
   // updates in place without flicker.

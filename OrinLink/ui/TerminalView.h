@@ -20,6 +20,8 @@ class TerminalView {
   ~TerminalView();
 
   bool isLive() const { return live_; }
+  // Where the control panel answers, once it does.
+  void setControlPort(std::uint16_t port);
 
  private:
   void onChange(std::string_view property);
@@ -32,6 +34,7 @@ class TerminalView {
   std::uint64_t subscription_ = 0;
   bool redrawScheduled_ = false;
   std::string lastPrintedEvent_;
+  std::uint16_t controlPort_ = 0;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

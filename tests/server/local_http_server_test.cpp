@@ -73,6 +73,11 @@ class LocalHTTPServerTest : public testing::Test {
         {200, "OK", {}, request.method + " " + request.path + " " + request.body});
   }
 
+  ~LocalHTTPServerTest() override {
+    server_.reset();
+    shutDownLoops({}, {&mainLoop_, &serverLoop_});
+  }
+
   SerialExecutor mainLoop_{"test.main"};
   SerialExecutor serverLoop_{"test.http"};
   asio::io_context client_;

@@ -1,15 +1,10 @@
 #include <chrono>
 #include <cstdio>
-#include <fcntl.h>
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdexcept>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -23,7 +18,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-extern char** environ;
+#include "tests/support/StandInProcess.h"
 
 namespace {
 
@@ -53,79 +48,6 @@ const char* const kConfig = R"({
       {"digest": "sha256:dddddddddddd0000000000000000000000000000000000000000000000000000", "total": 1000}]}}
   ]
 })";
-
-struct Child {
-  pid_t pid = -1;
-  int output = -1;  // the child's stdout
-};
-
-Child spawn(const std::vector<std::string>& arguments) {
-  int pipeEnds[2];
-  if (pipe2(pipeEnds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
-  std::vector<std::string> words{STANDIN_PATH};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (std::string& word : words)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
-  Child child;
-  const int failed = posix_spawn(&child.pid, STANDIN_PATH, &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(pipeEnds[1]);
-  child.output = pipeEnds[0];
-  if (failed != 0) throw std::runtime_error("cannot start " STANDIN_PATH);
-  return child;
-}
-
-// The first line of `fd`, or what came before its end or the bound.
-std::string readLine(int fd) {
-  std::string line;
-  const auto deadline = std::chrono::steady_clock::now() + kBound;
-  while (line.empty() || line.back() != '\n') {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    pollfd ready{fd, POLLIN, 0};
-    char byte = 0;
-    if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) break;
-    if (read(fd, &byte, 1) != 1) break;
-    line.push_back(byte);
-  }
-  return line;
-}
-
-int waitForExit(pid_t pid) {
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return status;
-}
-
-// The stand-in as a child process on a free loopback port.
-class StandIn {
- public:
-  explicit StandIn(const std::string& configPath)
-      : child_(spawn({"--port", "0", "--config", configPath, "--exit-with-parent"})) {
-    const std::string line = readLine(child_.output);
-    const std::string prefix = "listening on 127.0.0.1:";
-    if (!line.starts_with(prefix)) throw std::runtime_error("stand-in said: " + line);
-    port_ = static_cast<std::uint16_t>(std::stoi(line.substr(prefix.size())));
-  }
-  ~StandIn() {
-    kill(child_.pid, SIGTERM);
-    waitForExit(child_.pid);
-    close(child_.output);
-  }
-  StandIn(const StandIn&) = delete;
-  StandIn& operator=(const StandIn&) = delete;
-
-  std::uint16_t port() const { return port_; }
-
- private:
-  Child child_;
-  std::uint16_t port_ = 0;
-};
 
 struct Reply {
   unsigned status = 0;  // 0: no answer
@@ -276,7 +198,7 @@ class StandInTest : public testing::Test {
   }
 
   static inline std::string configPath_;
-  StandIn standIn_{configPath_};
+  orin::testing_support::StandInProcess standIn_{{"--config", configPath_}};
 };
 
 TEST_F(StandInTest, TagsListInstalledModelsWithTheDaemonsKeys) {
@@ -533,12 +455,8 @@ TEST_F(StandInTest, ConfigCanBeReplacedAtRunTime) {
   EXPECT_EQ(modelNames(), std::vector<std::string>{"solo:1b"});
 }
 
-TEST(StandInProcess, RefusesANonLoopbackHost) {
-  Child child = spawn({"--host", "0.0.0.0", "--port", "0"});
-  EXPECT_EQ(readLine(child.output), "");
-  const int status = waitForExit(child.pid);
-  close(child.output);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 0);
+TEST(StandInStart, RefusesANonLoopbackHost) {
+  EXPECT_THROW(orin::testing_support::StandInProcess({"--host", "0.0.0.0"}), std::runtime_error);
 }
 
 }  // namespace

@@ -1,0 +1,197 @@
+#include <ctime>
+
+#include "tests/aiservice/AIServiceFixture.h"
+
+namespace orin::test {
+namespace {
+
+using RuntimeSupervisionTest = AIServiceTest;
+
+const Json unreachable = {{"ollamaBaseURL", "http://127.0.0.1:9"}};
+
+TEST_F(RuntimeSupervisionTest, SettingsAreReadWithTheirRules) {
+  const std::string today = [] {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    ::localtime_r(&now, &parts);
+    char text[16];
+    std::strftime(text, sizeof text, "%Y-%m-%d", &parts);
+    return std::string(text);
+  }();
+  struct Case {
+    std::string name;
+    std::uint64_t memoryGiB;
+    Json settings;
+    std::string activeModel;
+    std::int64_t repliesToday;
+    OrinLinkConnectionKind manualKind;
+  };
+  const Case cases[] = {
+      {"32 GB machine",
+       32,
+       {{"activeModel", nullptr}},
+       "gemma4:26b",
+       0,
+       OrinLinkConnectionKind::manual},
+      {"24 GB machine",
+       24,
+       {{"activeModel", nullptr}},
+       "gemma4:12b",
+       0,
+       OrinLinkConnectionKind::manual},
+      {"16 GB machine",
+       16,
+       {{"activeModel", nullptr}},
+       "gemma4:e4b",
+       0,
+       OrinLinkConnectionKind::manual},
+      {"chosen model",
+       16,
+       {{"activeModel", "plain:1b"}},
+       "plain:1b",
+       0,
+       OrinLinkConnectionKind::manual},
+      {"replies today",
+       16,
+       {{"repliesTodayDate", today}, {"repliesTodayCount", 4}},
+       "plain:1b",
+       4,
+       OrinLinkConnectionKind::manual},
+      {"replies yesterday",
+       16,
+       {{"repliesTodayDate", "2001-01-01"}, {"repliesTodayCount", 4}},
+       "plain:1b",
+       0,
+       OrinLinkConnectionKind::manual},
+      {"known kind",
+       16,
+       {{"manualEndpointKind", "tailscale"}},
+       "plain:1b",
+       0,
+       OrinLinkConnectionKind::tailscale},
+      {"unknown kind",
+       16,
+       {{"manualEndpointKind", "Tailscale"}},
+       "plain:1b",
+       0,
+       OrinLinkConnectionKind::manual},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    system_.setMemoryGiB(c.memoryGiB);
+    restart(c.settings);
+    const auto p = onMain([&] { return app_->properties(); });
+    EXPECT_EQ(p.activeModel, c.activeModel);
+    EXPECT_EQ(p.repliesToday, c.repliesToday);
+    EXPECT_EQ(p.manualEndpointKind, c.manualKind);
+  }
+}
+
+TEST_F(RuntimeSupervisionTest, AStoredPortOutOfRangeStopsTheStartNamingTheKeyAndFile) {
+  stop();
+  try {
+    start({{"serverPort", 70000}});
+    ADD_FAILURE() << "started with port 70000";
+  } catch (const StartupError& error) {
+    const std::string text = error.what();
+    EXPECT_NE(text.find("\"serverPort\""), std::string::npos) << text;
+    EXPECT_NE(text.find("settings.json"), std::string::npos) << text;
+  }
+}
+
+TEST_F(RuntimeSupervisionTest, RefreshSaysWhatItFound) {
+  struct Case {
+    Json settings;
+    std::string lastEvent;
+    bool available;
+  };
+  const Case cases[] = {
+      {{{"activeModel", "plain:1b"}}, "Ollama is ready with plain:1b.", true},
+      {{{"activeModel", "missing:1b"}}, "Ollama is reachable, but missing:1b was not found.", true},
+      {unreachable, "Ollama is not reachable.", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.lastEvent);
+    restart(c.settings);
+    ASSERT_TRUE(waitForEvent(c.lastEvent));
+    const auto p = onMain([&] { return app_->properties(); });
+    EXPECT_EQ(p.isOllamaAvailable, c.available);
+    EXPECT_EQ(p.ollamaError.has_value(), !c.available);
+    EXPECT_EQ(p.models.empty(), !c.available);
+  }
+}
+
+TEST_F(RuntimeSupervisionTest, StartingOllamaRunsWhatThisMachineHas) {
+  const char* home = std::getenv("HOME");
+  const std::filesystem::path userUnit =
+      std::filesystem::path(home != nullptr ? home : "") / ".config/systemd/user/ollama.service";
+  struct Case {
+    std::string name;
+    std::vector<std::filesystem::path> files;
+    std::optional<std::filesystem::path> onPath;
+    OllamaInstallState state;
+    std::vector<std::vector<std::string>> launched;
+  };
+  const Case cases[] = {
+      {"nothing", {}, std::nullopt, OllamaInstallState::notInstalled, {}},
+      {"homebrew path",
+       {"/opt/homebrew/bin/ollama"},
+       std::nullopt,
+       OllamaInstallState::installed,
+       {{"/opt/homebrew/bin/ollama", "serve"}}},
+      {"on PATH",
+       {},
+       "/home/u/bin/ollama",
+       OllamaInstallState::installed,
+       {{"/home/u/bin/ollama", "serve"}}},
+      {"user unit",
+       {userUnit, "/usr/local/bin/ollama"},
+       std::nullopt,
+       OllamaInstallState::installed,
+       {{"systemctl", "--user", "start", "ollama.service"}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    system_.reset();
+    for (const auto& file : c.files)
+      system_.addFile(file);
+    if (c.onPath) system_.addToPath("ollama", *c.onPath);
+    restart(unreachable);
+    ASSERT_TRUE(waitForEvent("Ollama is not reachable."));
+    EXPECT_EQ(onMain([&] { return app_->ollamaInstallState(); }), c.state);
+    onMain([&] { app_->startOllama(); });
+    EXPECT_EQ(system_.launched(), c.launched);
+    EXPECT_EQ(onMain([&] { return app_->properties().lastEvent; }), "Starting Ollama\u2026");
+  }
+}
+
+TEST_F(RuntimeSupervisionTest, DownloadsShowProgressPauseResumeAndFail) {
+  onMain([&] { app_->pullModel("big:1b"); });
+  ASSERT_TRUE(waitUntil([](const AppState& app) {
+    const auto& progress = app.properties().pullProgress;
+    return progress && progress->fraction && *progress->fraction > 0;
+  }));
+  onMain([&] { app_->cancelPull(); });
+  const auto paused = onMain([&] { return app_->properties(); });
+  EXPECT_FALSE(paused.pullProgress.has_value());
+  EXPECT_EQ(paused.lastEvent,
+            "Download paused \u2014 Ollama keeps what it has, so it resumes where it left off.");
+  EXPECT_TRUE(standIn_->waitFor({{"active_pulls", 0}}));
+
+  onMain([&] { app_->pullModel("big:1b"); });
+  ASSERT_TRUE(waitUntil([](const AppState& app) {
+    const auto& models = app.properties().models;
+    return std::any_of(models.begin(), models.end(),
+                       [](const OllamaModel& m) { return m.name == "big:1b"; });
+  }));
+  EXPECT_FALSE(onMain([&] { return app_->properties().pullProgress.has_value(); }));
+
+  onMain([&] { app_->pullModel("flaky:1b"); });
+  ASSERT_TRUE(
+      waitUntil([](const AppState& app) { return app.properties().pullError.has_value(); }));
+  EXPECT_EQ(onMain([&] { return *app_->properties().pullError; }),
+            "Download failed: connection reset");
+}
+
+}  // namespace
+}  // namespace orin::test

@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# The AI service is advertised over DNS-SD. Without a daemon the app says discovery is
+# unavailable and keeps serving; once the daemon appears, the app publishes by itself.
+# Starts the system bus and avahi-daemon when they are missing (root only); skips otherwise.
+set -euo pipefail
+orinlink="$1"
+skip=77
+
+work=$(mktemp -d)
+started_avahi=0
+app_pid=""
+cleanup() {
+  [ -n "$app_pid" ] && kill "$app_pid" 2>/dev/null && wait "$app_pid" 2>/dev/null || true
+  [ "$started_avahi" = 1 ] && avahi-daemon -k 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# Polls (bounded) until the command succeeds; daemons answer on their own schedule.
+eventually() {
+  for _ in $(seq 1 100); do
+    if "$@"; then return 0; fi
+    sleep 0.1
+  done
+  return 1
+}
+
+avahi_running() { avahi-daemon -c 2>/dev/null; }
+
+if ! avahi_running; then
+  if [ "$(id -u)" -ne 0 ] || ! command -v avahi-daemon >/dev/null; then
+    echo "no Avahi daemon and no way to start one here: skipped"
+    exit $skip
+  fi
+  if [ ! -S /run/dbus/system_bus_socket ]; then
+    mkdir -p /run/dbus
+    dbus-daemon --system --fork
+  fi
+  needs_daemon=1
+else
+  needs_daemon=0
+fi
+
+echo '{"ollamaBaseURL": "http://127.0.0.1:9"}' > "$work/settings.json"
+"$orinlink" --config-dir "$work" --data-dir "$work/data" --port 0 --control-port 0 \
+  > "$work/out.txt" 2>&1 &
+app_pid=$!
+eventually grep -q "Server started on port" "$work/out.txt"
+port=$(sed -n 's/^Server started on port \([0-9]*\)\.$/\1/p' "$work/out.txt")
+
+if [ "$needs_daemon" = 1 ]; then
+  eventually grep -q "Discovery is unavailable" "$work/out.txt"
+  avahi-daemon -D --no-drop-root --no-chroot
+  started_avahi=1
+  eventually grep -q "Discovery is available" "$work/out.txt"
+fi
+
+advertised() {
+  avahi-browse -rpt _orinlink-ai._tcp 2>/dev/null | grep -E "^=;.*;${port};\"api=1\"$" >/dev/null
+}
+if ! eventually advertised; then
+  echo "not advertised; avahi-browse saw:"
+  avahi-browse -rpt _orinlink-ai._tcp || true
+  cat "$work/out.txt"
+  exit 1
+fi
+echo "advertised on port $port with TXT api=1"
