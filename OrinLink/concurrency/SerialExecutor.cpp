@@ -24,12 +24,16 @@ void SerialExecutor::stop() {
 
 void shutDownLoops(std::initializer_list<EventLoop*> loops,
                    std::initializer_list<SerialExecutor*> threads) {
-  for (SerialExecutor* thread : threads) thread->stop();
-  for (EventLoop* loop : loops) loop->stop();
+  for (SerialExecutor* thread : threads)
+    thread->stop();
+  for (EventLoop* loop : loops)
+    loop->stop();
   // Each round can queue work into the others; chains are short, three rounds end them.
   for (int round = 0; round < 3; ++round) {
-    for (SerialExecutor* thread : threads) thread->loop().dropPendingWork();
-    for (EventLoop* loop : loops) loop->dropPendingWork();
+    for (SerialExecutor* thread : threads)
+      thread->loop().dropPendingWork();
+    for (EventLoop* loop : loops)
+      loop->dropPendingWork();
   }
 }
 

@@ -83,15 +83,15 @@ int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecut
   const std::uint16_t port = options.controlPort.value_or(controlPort(options.configDirectory));
   ControlAPI control(app, secret, port, httpLoop.executor(), mainLoop.get_executor());
   TerminalView view(app, mainLoop.get_executor());
-  control.setStateChanged([port, &view](bool running, std::uint16_t bound,
-                                        std::optional<std::string> error) {
-    if (running) {
-      view.setControlPort(bound);
-    } else {
-      std::fprintf(stderr, "orinlink: the control API could not listen on 127.0.0.1:%u: %s\n",
-                   static_cast<unsigned>(port), error.value_or("unknown error").c_str());
-    }
-  });
+  control.setStateChanged(
+      [port, &view](bool running, std::uint16_t bound, std::optional<std::string> error) {
+        if (running) {
+          view.setControlPort(bound);
+        } else {
+          std::fprintf(stderr, "orinlink: the control API could not listen on 127.0.0.1:%u: %s\n",
+                       static_cast<unsigned>(port), error.value_or("unknown error").c_str());
+        }
+      });
 
   app->launch();
   control.start();

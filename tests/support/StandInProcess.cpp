@@ -121,7 +121,8 @@ HTTPReply httpExchange(std::uint16_t port, const std::string& method, const std:
   http::request<http::string_body> request(http::string_to_verb(method), target, 11);
   request.set(http::field::host, "127.0.0.1:" + std::to_string(port));
   if (!body.empty()) request.set(http::field::content_type, "application/json");
-  for (const auto& [name, value] : headers) request.set(name, value);
+  for (const auto& [name, value] : headers)
+    request.set(name, value);
   request.body() = body;
   request.prepare_payload();
   http::write(socket, request);
