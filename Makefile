@@ -13,7 +13,9 @@ configure: setup
 build: configure
 	@cmake --build --preset $(PRESET)
 
-run: build
+# Only what the app needs, so the first start does not wait for the tests to compile.
+run: configure
+	@cmake --build --preset $(PRESET) --target orinlink
 	./build/$(PRESET)/OrinLink/orinlink $(ARGS)
 
 test: build
