@@ -47,11 +47,6 @@ std::string localDay(Date date) {
   return text;
 }
 
-HTTPResponse jsonError(int status, std::string code, std::string message) {
-  return HTTPResponse::json(OrinLinkErrorResponse::make(std::move(code), std::move(message)),
-                            status, std::string(reasonPhrase(status)));
-}
-
 // The one error form a device sees when a handler fails.
 HTTPResponse handlerFailure(const std::exception_ptr& error) {
   OrinLinkResponse response{Uuid::random(),
@@ -585,8 +580,8 @@ asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
   }
 
   if (!registry_.authenticate(request.bearerToken())) {
-    co_return HTTPHandlerResult::response(
-        jsonError(HTTPStatus::unauthorized, "unauthorized", std::string(unauthorizedMessage)));
+    co_return HTTPHandlerResult::response(HTTPResponse::error(
+        HTTPStatus::unauthorized, "unauthorized", std::string(unauthorizedMessage)));
   }
 
   if (method == "GET" && path == "/status") {
@@ -627,7 +622,7 @@ asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
       co_return HTTPHandlerResult::response(handlerFailure(std::current_exception()));
     }
   }
-  co_return HTTPHandlerResult::response(jsonError(
+  co_return HTTPHandlerResult::response(HTTPResponse::error(
       HTTPStatus::notFound, "not_found", "No Orin Link endpoint exists at " + request.path + "."));
 }
 

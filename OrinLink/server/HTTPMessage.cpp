@@ -1,5 +1,6 @@
 #include "OrinLink/server/HTTPMessage.h"
 
+#include "OrinLinkShared/AIRecords.h"
 #include "OrinLinkShared/Text.h"
 
 namespace orin {
@@ -51,6 +52,11 @@ std::string HTTPResponse::serialized() const {
   out += "\r\n\r\n";
   out += body;
   return out;
+}
+
+HTTPResponse HTTPResponse::error(int statusCode, std::string code, std::string message) {
+  return json(OrinLinkErrorResponse::make(std::move(code), std::move(message)), statusCode,
+              std::string(reasonPhrase(statusCode)));
 }
 
 HTTPHeaders HTTPResponse::jsonHeaders() {

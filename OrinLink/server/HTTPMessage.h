@@ -61,6 +61,9 @@ struct HTTPResponse {
     return response;
   }
 
+  // The service's error body, {"error":{"code","message"}}, with the status's own reason phrase.
+  static HTTPResponse error(int statusCode, std::string code, std::string message);
+
   static HTTPHeaders jsonHeaders();
   static HTTPHeaders plainTextHeaders();
 

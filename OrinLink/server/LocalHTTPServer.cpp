@@ -35,11 +35,6 @@ constexpr std::size_t readChunkBytes = 64 * 1024;
 constexpr auto lingerTime = std::chrono::seconds(1);
 constexpr std::size_t lingerMaxBytes = 4 * 1024 * 1024;
 
-HTTPResponse errorResponse(int status, std::string code, std::string message) {
-  return HTTPResponse::json(OrinLinkErrorResponse::make(std::move(code), std::move(message)),
-                            status, std::string(reasonPhrase(status)));
-}
-
 }  // namespace
 
 std::string eventStreamData(std::string_view chunk) {
@@ -198,8 +193,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       }
       const auto status = reader.append({buffer.data(), received});
       if (status == HTTPRequestReader::Status::tooLarge) {
-        co_await reply(connection, errorResponse(HTTPStatus::payloadTooLarge, "request_too_large",
-                                                 "Request body is too large."));
+        co_await reply(connection,
+                       HTTPResponse::error(HTTPStatus::payloadTooLarge, "request_too_large",
+                                           "Request body is too large."));
         co_return;
       }
       if (status == HTTPRequestReader::Status::complete) {
@@ -207,8 +203,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
         co_return;
       }
       if (ec == asio::error::eof) {
-        co_await reply(connection, errorResponse(HTTPStatus::badRequest, "bad_request",
-                                                 "Orin Link could not parse the request."));
+        co_await reply(connection, HTTPResponse::error(HTTPStatus::badRequest, "bad_request",
+                                                       "Orin Link could not parse the request."));
         co_return;
       }
     }

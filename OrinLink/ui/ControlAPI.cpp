@@ -27,11 +27,6 @@ HTTPResponse jsonReply(int status, const Ordered& body) {
   return response;
 }
 
-HTTPResponse errorReply(int status, std::string code, std::string message) {
-  return HTTPResponse::json(OrinLinkErrorResponse::make(std::move(code), std::move(message)),
-                            status, std::string(reasonPhrase(status)));
-}
-
 Ordered optionalText(const std::optional<std::string>& text) {
   return text ? Ordered(*text) : Ordered(nullptr);
 }
@@ -156,19 +151,19 @@ bool ControlAPI::hasSecret(const HTTPRequest& request) const {
 
 asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
   if (!hostAllowed(request)) {
-    co_return HTTPHandlerResult::response(
-        errorReply(HTTPStatus::forbidden, "forbidden", "This address is not allowed here."));
+    co_return HTTPHandlerResult::response(HTTPResponse::error(HTTPStatus::forbidden, "forbidden",
+                                                              "This address is not allowed here."));
   }
   if (!hasSecret(request)) {
-    co_return HTTPHandlerResult::response(errorReply(
+    co_return HTTPHandlerResult::response(HTTPResponse::error(
         HTTPStatus::unauthorized, "unauthorized",
         "Open the control panel from Orin Link, or pass the secret from its control-secret file."));
   }
   const std::string path = request.path.substr(0, request.path.find('?'));
   auto app = app_.lock();
   if (!app) {
-    co_return HTTPHandlerResult::response(
-        errorReply(HTTPStatus::internalServerError, "unavailable", "Orin Link is shutting down."));
+    co_return HTTPHandlerResult::response(HTTPResponse::error(
+        HTTPStatus::internalServerError, "unavailable", "Orin Link is shutting down."));
   }
   if (request.method == "GET" && path == "/api/state") {
     co_return HTTPHandlerResult::response(jsonReply(HTTPStatus::ok, snapshot(*app)));
@@ -178,18 +173,18 @@ asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
   }
   if (request.method == "POST" && path.starts_with("/api/")) {
     if (!originAllowed(request)) {
-      co_return HTTPHandlerResult::response(errorReply(
+      co_return HTTPHandlerResult::response(HTTPResponse::error(
           HTTPStatus::forbidden, "forbidden", "Changes are accepted only from the control panel."));
     }
     try {
       co_return HTTPHandlerResult::response(performOperation(path, request));
     } catch (...) {
-      co_return HTTPHandlerResult::response(
-          errorReply(HTTPStatus::badRequest, "bad_request", describe(std::current_exception())));
+      co_return HTTPHandlerResult::response(HTTPResponse::error(
+          HTTPStatus::badRequest, "bad_request", describe(std::current_exception())));
     }
   }
-  co_return HTTPHandlerResult::response(
-      errorReply(HTTPStatus::notFound, "not_found", "Nothing is at " + request.path + "."));
+  co_return HTTPHandlerResult::response(HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                                            "Nothing is at " + request.path + "."));
 }
 
 HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPRequest& request) {
@@ -200,7 +195,8 @@ HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPReq
     app->newPairingCode();
   } else if (path == "/api/devices/remove") {
     if (!app->removeDevice(args.required<Uuid>("id"))) {
-      return errorReply(HTTPStatus::notFound, "not_found", "No paired device has that id.");
+      return HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                 "No paired device has that id.");
     }
   } else if (path == "/api/server/start") {
     app->startServer();
@@ -235,7 +231,7 @@ HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPReq
   } else if (path == "/api/runtime/warm") {
     app->warmActiveModel(true);
   } else {
-    return errorReply(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
+    return HTTPResponse::error(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
   }
   return jsonReply(HTTPStatus::ok, snapshot(*app));
 }
