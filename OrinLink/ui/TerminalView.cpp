@@ -1,5 +1,7 @@
 #include "OrinLink/ui/TerminalView.h"
 
+#include <algorithm>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <boost/asio/post.hpp>
@@ -61,7 +63,18 @@ void TerminalView::redraw() {
   screen += "Orin Link\n\n";
   screen += "Pairing code  " + registry.pairingCode() + "   (" + std::to_string(remaining / 60) +
             ":" + (remaining % 60 < 10 ? "0" : "") + std::to_string(remaining % 60) + " left)\n\n";
-  screen += qrForTerminal(app->pairingPayload());
+  // A code cut off by the window's edge does not scan; say how to see it instead.
+  const std::string qr = qrForTerminal(app->pairingPayload());
+  const auto qrLines = static_cast<std::size_t>(std::count(qr.begin(), qr.end(), '\n'));
+  const std::size_t qrColumns = qrLines * 2;
+  winsize window{};
+  const bool known = ::ioctl(::fileno(out_), TIOCGWINSZ, &window) == 0 && window.ws_row > 0;
+  if (!known || (window.ws_row >= qrLines + 12 && window.ws_col >= qrColumns)) {
+    screen += qr;
+  } else {
+    screen += "(Make this window at least " + std::to_string(qrColumns) + " columns by " +
+              std::to_string(qrLines + 12) + " rows to show the QR code, or run: orinlink pair)\n";
+  }
   screen += "\nAI service    ";
   screen += p.isServerRunning ? "listening on port " + std::to_string(p.serverPort)
                               : std::string("stopped");
