@@ -214,7 +214,8 @@ void AppState::startServer() {
             [](std::weak_ptr<AppState> owner, HTTPRequest r) -> asio::awaitable<HTTPHandlerResult> {
               auto self = owner.lock();
               if (!self) throw Error("Orin Link is shutting down.");
-              co_return co_await self->route(std::move(r));
+              auto routing = self->route(std::move(r));
+              co_return co_await std::move(routing);
             }(weak, std::move(request));
       });
   const LocalHTTPServer* current = server.get();
@@ -458,7 +459,8 @@ void AppState::warmActiveModel(bool force) {
   asio::co_spawn(
       env_.mainExecutor,
       [weak = weak_from_this(), client = runtime(), model]() mutable -> asio::awaitable<void> {
-        const bool warmed = co_await client.warmModel(model);
+        auto warming = client.warmModel(model);
+        const bool warmed = co_await std::move(warming);
         auto self = weak.lock();
         if (warmed && self && !self->p_.modelResidentSince) {
           self->set(&Properties::modelResidentSince, std::optional<Date>(self->env_.clock()),
@@ -558,7 +560,10 @@ void AppState::completeConversationEntry(const Uuid& id) {
 
 asio::awaitable<HTTPHandlerResult> AppState::route(HTTPRequest request) {
   auto self = shared_from_this();
-  co_return co_await routeUnsafe(std::move(request));
+  // Awaited calls are made in statements of their own: GCC 12 destroys temporaries created
+  // inside a co_await expression twice.
+  auto routing = routeUnsafe(std::move(request));
+  co_return co_await std::move(routing);
 }
 
 asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
@@ -592,7 +597,9 @@ asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
     std::exception_ptr failure;
     std::vector<OllamaModel> models;
     try {
-      models = co_await runtime().listModels();
+      OllamaRuntime client = runtime();
+      auto listing = client.listModels();
+      models = co_await std::move(listing);
     } catch (...) {
       failure = std::current_exception();
     }
@@ -608,7 +615,8 @@ asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
     std::exception_ptr failure;
     std::optional<OrinLinkResponse> response;
     try {
-      response = co_await handleGenerate(std::move(request));
+      auto generating = handleGenerate(std::move(request));
+      response = co_await std::move(generating);
     } catch (...) {
       failure = std::current_exception();
     }
@@ -665,7 +673,8 @@ asio::awaitable<OrinLinkResponse> AppState::handleGenerate(HTTPRequest request) 
   std::exception_ptr failure;
   bool retryWithoutThink = false;
   try {
-    text = co_await client.generateOnce(modelRequest, modelRequest.think);
+    auto generating = client.generateOnce(modelRequest, modelRequest.think);
+    text = co_await std::move(generating);
   } catch (const OllamaError& error) {
     retryWithoutThink = error.kind() == OllamaError::Kind::httpStatus && error.statusCode() == 400;
     if (!retryWithoutThink) failure = std::current_exception();
@@ -674,7 +683,8 @@ asio::awaitable<OrinLinkResponse> AppState::handleGenerate(HTTPRequest request) 
   }
   if (retryWithoutThink) {
     try {
-      text = co_await client.generateOnce(modelRequest, std::nullopt);
+      auto retrying = client.generateOnce(modelRequest, std::nullopt);
+      text = co_await std::move(retrying);
     } catch (...) {
       failure = std::current_exception();
     }

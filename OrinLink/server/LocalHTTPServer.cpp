@@ -185,26 +185,33 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       auto [ec, received] = co_await connection->socket.async_read_some(
           asio::buffer(buffer), asio::as_tuple(asio::use_awaitable));
       if (connection->cancelled) co_return;
+      // Every awaited call is made in a statement of its own: GCC 12 destroys temporaries that
+      // are created inside a co_await expression twice.
       if (ec && ec != asio::error::eof) {
-        co_await reply(connection,
-                       HTTPResponse{HTTPStatus::internalServerError, std::string(reasonPhrase(500)),
-                                    HTTPResponse::plainTextHeaders(), ec.message()});
+        HTTPResponse failure{HTTPStatus::internalServerError, std::string(reasonPhrase(500)),
+                             HTTPResponse::plainTextHeaders(), ec.message()};
+        auto replying = reply(connection, std::move(failure));
+        co_await std::move(replying);
         co_return;
       }
       const auto status = reader.append({buffer.data(), received});
       if (status == HTTPRequestReader::Status::tooLarge) {
-        co_await reply(connection,
-                       HTTPResponse::error(HTTPStatus::payloadTooLarge, "request_too_large",
-                                           "Request body is too large."));
+        auto replying =
+            reply(connection, HTTPResponse::error(HTTPStatus::payloadTooLarge, "request_too_large",
+                                                  "Request body is too large."));
+        co_await std::move(replying);
         co_return;
       }
       if (status == HTTPRequestReader::Status::complete) {
-        co_await handle(self, connection, reader.take());
+        auto handling = handle(self, connection, reader.take());
+        co_await std::move(handling);
         co_return;
       }
       if (ec == asio::error::eof) {
-        co_await reply(connection, HTTPResponse::error(HTTPStatus::badRequest, "bad_request",
-                                                       "Orin Link could not parse the request."));
+        auto replying =
+            reply(connection, HTTPResponse::error(HTTPStatus::badRequest, "bad_request",
+                                                  "Orin Link could not parse the request."));
+        co_await std::move(replying);
         co_return;
       }
     }
@@ -223,8 +230,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     asio::co_spawn(self->serverExecutor, watchPeer(connection), asio::detached);
     std::optional<HTTPHandlerResult> result;
     try {
-      result = co_await asio::co_spawn(self->mainExecutor, self->handler(std::move(request)),
-                                       asio::use_awaitable);
+      auto call = self->handler(std::move(request));
+      auto onMain = asio::co_spawn(self->mainExecutor, std::move(call), asio::use_awaitable);
+      result = co_await std::move(onMain);
     } catch (...) {
       if (connection->cancelled) co_return;
       const std::string text = describe(std::current_exception());
@@ -234,9 +242,12 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     }
     if (connection->cancelled) co_return;
     if (auto* response = std::get_if<HTTPResponse>(&result->value)) {
-      co_await write(connection, response->serialized());
+      auto writing = write(connection, response->serialized());
+      co_await std::move(writing);
     } else {
-      co_await writeEventStream(connection, std::get<TextChunkStream>(std::move(result->value)));
+      auto streaming =
+          writeEventStream(connection, std::get<TextChunkStream>(std::move(result->value)));
+      co_await std::move(streaming);
     }
     closeAfterReply(connection);
   }
@@ -281,14 +292,19 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   // drained for a moment; closing on unread input would reset the connection under the reply.
   static asio::awaitable<void> reply(std::shared_ptr<Connection> connection,
                                      HTTPResponse response) {
-    const bool written = co_await write(connection, response.serialized());
-    if (written) co_await linger(connection);
+    auto writing = write(connection, response.serialized());
+    const bool written = co_await std::move(writing);
+    if (written) {
+      auto lingering = linger(connection);
+      co_await std::move(lingering);
+    }
     connection->cancel();
   }
 
   static asio::awaitable<void> writeEventStream(std::shared_ptr<Connection> connection,
                                                 TextChunkStream stream) {
-    const bool headWritten = co_await write(connection, std::string(eventStreamHead));
+    auto writingHead = write(connection, std::string(eventStreamHead));
+    const bool headWritten = co_await std::move(writingHead);
     if (!headWritten) co_return;
     while (true) {
       std::optional<std::string> chunk;
@@ -300,14 +316,17 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       }
       if (connection->cancelled) co_return;
       if (failure) {
-        co_await write(connection, eventStreamError(describe(failure)));
+        auto writing = write(connection, eventStreamError(describe(failure)));
+        co_await std::move(writing);
         break;
       }
       if (!chunk) {
-        co_await write(connection, eventStreamDone());
+        auto writing = write(connection, eventStreamDone());
+        co_await std::move(writing);
         break;
       }
-      const bool written = co_await write(connection, eventStreamData(*chunk));
+      auto writing = write(connection, eventStreamData(*chunk));
+      const bool written = co_await std::move(writing);
       if (!written) break;
     }
   }

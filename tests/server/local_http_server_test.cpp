@@ -197,6 +197,21 @@ TEST_F(LocalHTTPServerTest, EndingAConnectionCancelsItsProducer) {
   }
 }
 
+// A reset before the request is complete is a read error: the server's reply has nowhere to go,
+// and the next client must be served as if nothing happened.
+TEST_F(LocalHTTPServerTest, SurvivesPeersThatResetMidRequest) {
+  startServer(echo);
+  for (const std::string_view sent : {""sv, "GET /hea"sv, "nonsense\r\n"sv}) {
+    for (int round = 0; round < 10; ++round) {
+      tcp::socket socket = connect();
+      if (!sent.empty()) asio::write(socket, asio::buffer(sent));
+      socket.set_option(asio::socket_base::linger(true, 0));
+      socket.close();
+    }
+  }
+  EXPECT_EQ(statusLine(exchange("GET /health HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
+}
+
 TEST_F(LocalHTTPServerTest, PortInUseIsReportedNotRetried) {
   tcp::acceptor holder(client_, {asio::ip::address_v4::loopback(), 0});
   startServer(echo, holder.local_endpoint().port());
