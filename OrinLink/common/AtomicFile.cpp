@@ -150,4 +150,9 @@ fs::path defaultDataDirectory() {
   return (base ? *base : homeDirectory() / ".local" / "share") / "OrinLink";
 }
 
+void writePrivateFile(const std::filesystem::path& path, std::string_view bytes) {
+  if (path.has_parent_path()) createPrivateDirectory(path.parent_path(), 0700);
+  writeFileAtomically(path, bytes, 0600);
+}
+
 }  // namespace orin

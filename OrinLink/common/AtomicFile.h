@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +13,13 @@ namespace orin {
 // new one: a temporary file in the same folder, fsync, rename over the target, fsync the folder.
 // Throws std::system_error.
 void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes, mode_t mode);
+
+// Where a store's encoded contents go. Stores write at once by default; the application hands
+// the writes, in order, to a background executor so that no request waits for the disk.
+using FileWriter = std::function<void(std::string contents)>;
+
+// writeFileAtomically into a 0700 folder made if missing, mode 0600.
+void writePrivateFile(const std::filesystem::path& path, std::string_view bytes);
 
 // Creates the folder and its parents; the last component gets `mode`. Throws std::system_error.
 void createPrivateDirectory(const std::filesystem::path& path, mode_t mode);

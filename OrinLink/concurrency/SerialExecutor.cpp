@@ -22,6 +22,11 @@ void SerialExecutor::stop() {
   if (thread_.joinable()) thread_.join();
 }
 
+void SerialExecutor::finish() {
+  work_.reset();
+  if (thread_.joinable()) thread_.join();
+}
+
 void shutDownLoops(std::initializer_list<EventLoop*> loops,
                    std::initializer_list<SerialExecutor*> threads) {
   for (SerialExecutor* thread : threads)

@@ -39,6 +39,8 @@ class SerialExecutor {
 
   // Stops the loop and joins its thread; queued work stays queued.
   void stop();
+  // Lets the loop run until it has nothing left to do, then joins its thread.
+  void finish();
 
  private:
   EventLoop loop_;

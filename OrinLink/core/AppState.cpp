@@ -11,6 +11,7 @@
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
+#include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/server/EndpointDiscovery.h"
 #include "OrinLinkShared/Text.h"
@@ -88,6 +89,21 @@ AppState::AppState(Environment environment)
     : env_(std::move(environment)),
       settings_(env_.settingsFile),
       registry_(env_.registryFile, env_.clock, env_.random) {
+  // Files are written on the background executor, in order: every request that authenticates
+  // rewrites the device list, and none of them may wait for fsync on the main loop.
+  auto writer = [executor = env_.backgroundExecutor](std::filesystem::path file) -> FileWriter {
+    return [executor, file = std::move(file)](std::string contents) {
+      asio::post(executor, [file, contents = std::move(contents)] {
+        try {
+          writePrivateFile(file, contents);
+        } catch (const std::exception&) {
+          // The state in memory stays authoritative; the next change writes the file again.
+        }
+      });
+    };
+  };
+  settings_.setFileWriter(writer(env_.settingsFile));
+  registry_.setFileWriter(writer(env_.registryFile));
   const double bytes = static_cast<double>(env_.system->physicalMemoryBytes());
   physicalMemoryGB_ = static_cast<std::uint64_t>(std::llround(bytes / 1073741824.0));
   readSettings();

@@ -115,6 +115,8 @@ int runApplication(const ApplicationOptions& options) {
   SerialExecutor httpLoop("orinlink.http");
   SerialExecutor workLoop("orinlink.work");
   const int status = runWith(options, mainLoop, httpLoop, workLoop);
+  // The files still being written are finished, not dropped.
+  workLoop.finish();
   shutDownLoops({&mainLoop}, {&httpLoop, &workLoop});
   return status;
 }

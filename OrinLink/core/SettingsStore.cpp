@@ -140,8 +140,11 @@ void SettingsStore::setWriteErrorHandler(std::function<void(const std::string&)>
 void SettingsStore::save() {
   try {
     std::string text = values_.dump(2) + "\n";
-    if (file_.has_parent_path()) createPrivateDirectory(file_.parent_path(), 0700);
-    writeFileAtomically(file_, text, 0600);
+    if (writer_) {
+      writer_(std::move(text));
+    } else {
+      writePrivateFile(file_, text);
+    }
   } catch (const std::exception&) {
     if (onWriteError_) onWriteError_(describe(std::current_exception()));
   }

@@ -9,6 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "OrinLink/common/AtomicFile.h"
+
 namespace orin {
 
 // Per-user settings: one flat JSON object in a file, read with the conversions of a defaults
@@ -36,6 +38,8 @@ class SettingsStore {
   void remove(std::string_view key);
 
   void setWriteErrorHandler(std::function<void(const std::string&)> handler);
+  // Takes over writing the file (see FileWriter).
+  void setFileWriter(FileWriter writer) { writer_ = std::move(writer); }
 
  private:
   void save();
@@ -43,6 +47,7 @@ class SettingsStore {
   std::filesystem::path file_;
   nlohmann::json values_ = nlohmann::json::object();
   std::function<void(const std::string&)> onWriteError_;
+  FileWriter writer_;
 };
 
 }  // namespace orin

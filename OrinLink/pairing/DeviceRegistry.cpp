@@ -237,9 +237,12 @@ bool DeviceRegistry::removeDevice(const Uuid& id) {
 
 void DeviceRegistry::save() {
   try {
-    const std::string text = encodeJSON(devices_, json::Format::prettySortedKeys);
-    if (file_.has_parent_path()) createPrivateDirectory(file_.parent_path(), 0700);
-    writeFileAtomically(file_, text, 0600);
+    std::string text = encodeJSON(devices_, json::Format::prettySortedKeys);
+    if (writer_) {
+      writer_(std::move(text));
+    } else {
+      writePrivateFile(file_, text);
+    }
   } catch (const std::exception&) {
     // The list in memory stays authoritative; the next change tries the file again.
   }

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "OrinLink/common/AtomicFile.h"
 #include "OrinLinkShared/AIRecords.h"
 #include "OrinLinkShared/Date.h"
 #include "OrinLinkShared/Error.h"
@@ -82,6 +83,9 @@ class DeviceRegistry {
   // Forgets the device and revokes its token at once; false when there is no such device.
   bool removeDevice(const Uuid& id);
 
+  // Takes over writing the file (see FileWriter); failures are then the writer's to ignore.
+  void setFileWriter(FileWriter writer) { writer_ = std::move(writer); }
+
   // Set by the owner.
   std::function<void(const std::string& displayName)> onPaired;
   std::function<void(const std::string& tokenHash)> onRevoked;
@@ -100,6 +104,7 @@ class DeviceRegistry {
   Date pairingCodeCreatedAt_;
   int failedAttempts_ = 0;
   std::optional<Date> blockedUntil_;
+  FileWriter writer_;
 };
 
 }  // namespace orin
