@@ -11,8 +11,10 @@
 #include <iostream>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sstream>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -403,15 +405,46 @@ Nginx startNginx(const Options& options, const fs::path& prefix, const std::stri
        readTextFile(prefix / "nginx.err"));
 }
 
-ordered_json runWrk(const Options& options, std::uint16_t port, const fs::path& work,
+// CPU time of a process and its direct children (nginx's workers), in seconds.
+double cpuSecondsWithChildren(pid_t pid) {
+  const auto fields = [](pid_t p) -> std::vector<std::string> {
+    const std::string stat = readTextFile("/proc/" + std::to_string(p) + "/stat");
+    const std::size_t close = stat.rfind(')');
+    if (close == std::string::npos) return {};
+    std::istringstream rest(stat.substr(close + 2));
+    std::vector<std::string> out;
+    std::string field;
+    while (rest >> field)
+      out.push_back(field);
+    return out;  // out[0] is field 3 (state)
+  };
+  const double tick = static_cast<double>(::sysconf(_SC_CLK_TCK));
+  const auto cpu = [&](const std::vector<std::string>& f) {
+    return f.size() > 12 ? (std::stod(f[11]) + std::stod(f[12])) / tick : 0.0;
+  };
+  double total = cpu(fields(pid));
+  std::error_code ec;
+  for (auto it = fs::directory_iterator("/proc", ec); !ec && it != fs::directory_iterator();
+       it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (name.empty() || !std::isdigit(static_cast<unsigned char>(name[0]))) continue;
+    const auto f = fields(static_cast<pid_t>(std::stol(name)));
+    if (f.size() > 1 && f[1] == std::to_string(pid)) total += cpu(f);
+  }
+  return total;
+}
+
+ordered_json runWrk(const Options& options, std::uint16_t port, pid_t server, const fs::path& work,
                     const std::string& name) {
   const fs::path out = work / ("wrk-" + name + ".out");
+  const std::string load = loadAverages();
+  const double cpuBefore = cpuSecondsWithChildren(server);
   ChildProcess wrk({options.wrk, "-t" + options.wrkThreads, "-c" + options.wrkConnections,
                     "-d" + options.wrkDuration, "-H", "Connection: close",
                     "http://127.0.0.1:" + std::to_string(port) + "/health"},
                    out, work / ("wrk-" + name + ".err"));
-  const std::string load = loadAverages();
   if (!wrk.wait(seconds(120))) fail("wrk did not finish");
+  const double cpu = cpuSecondsWithChildren(server) - cpuBefore;
   const std::string text = readTextFile(out);
   ordered_json result;
   result["loadBefore"] = load;
@@ -421,6 +454,15 @@ ordered_json runWrk(const Options& options, std::uint16_t port, const fs::path& 
     return std::stod(text.substr(at + marker.size()));
   };
   result["requestsPerSecond"] = number("Requests/sec:").value_or(0);
+  const std::size_t requestsAt = text.find(" requests in ");
+  double requests = 0;
+  if (requestsAt != std::string::npos) {
+    const std::size_t lineStart = text.rfind('\n', requestsAt) + 1;
+    requests = std::stod(text.substr(lineStart, requestsAt - lineStart));
+  }
+  result["requests"] = requests;
+  result["serverCPUSeconds"] = cpu;
+  result["serverCPUMicrosecondsPerRequest"] = requests > 0 ? cpu * 1e6 / requests : 0;
   result["non2xx"] = number("Non-2xx or 3xx responses:").value_or(0);
   const std::size_t errors = text.find("Socket errors:");
   result["socketErrors"] =
@@ -432,48 +474,122 @@ ordered_json runWrk(const Options& options, std::uint16_t port, const fs::path& 
     line >> average;
     result["latencyAverage"] = average;
   }
+  if (!readTextFile(work / ("wrk-" + name + ".err")).empty()) {
+    result["wrkErrors"] = readTextFile(work / ("wrk-" + name + ".err"));
+  }
   return result;
 }
 
-ordered_json runHTTP(const Options& options, const OrinLinkProcess& orinlink,
-                     const fs::path& work) {
+ordered_json runHTTP(const Options& options, const std::string& baseURL, const fs::path& work) {
   fs::create_directories(work);
-  const PlainReply health = httpGet(orinlink.port(), "/health");
-  if (health.status != 200) fail("orinlink's /health did not answer 200");
-  Nginx one = startNginx(options, work / "nginx-1", "1", health.body);
-  Nginx automatic = startNginx(options, work / "nginx-auto", "auto", health.body);
+  const nlohmann::json settings{{"ollamaBaseURL", baseURL}, {"activeModel", bulkModel}};
+  std::string body;
+  {
+    OrinLinkProcess probe(options.orinlink, work / "orinlink-probe", settings);
+    probe.start();
+    const PlainReply health = httpGet(probe.port(), "/health");
+    if (health.status != 200) fail("orinlink's /health did not answer 200");
+    body = health.body;
+    probe.stop();
+  }
+  // nginx answers with the very bytes orinlink sends.
+  Nginx one = startNginx(options, work / "nginx-1", "1", body);
+  Nginx automatic = startNginx(options, work / "nginx-auto", "auto", body);
   struct Target {
     std::string name;
-    std::uint16_t port;
     std::vector<double> rates;
+    std::vector<double> cpuPerRequest;
     ordered_json runs = ordered_json::array();
   };
-  std::vector<Target> targets{{"orinlink", orinlink.port(), {}},
-                              {"nginx-1-worker", one.port, {}},
-                              {"nginx-auto-workers", automatic.port, {}}};
+  std::vector<Target> targets{
+      {"orinlink", {}, {}}, {"nginx-1-worker", {}, {}}, {"nginx-auto-workers", {}, {}}};
+  std::size_t orinlinkCrashes = 0;
   for (std::size_t r = 0; r < options.repetitions; ++r) {
     // Interleaved, so a change of machine load falls on every target alike.
     for (Target& target : targets) {
       std::this_thread::sleep_for(seconds(2));
-      ordered_json run = runWrk(options, target.port, work, target.name);
+      const std::string runName = target.name + "-" + std::to_string(r + 1);
+      ordered_json run;
+      if (target.name == "orinlink") {
+        // A fresh process per run: one that died at the end of a run must not spoil the next.
+        OrinLinkProcess orinlink(options.orinlink, work / runName, settings);
+        orinlink.start();
+        std::this_thread::sleep_for(seconds(1));
+        run = runWrk(options, orinlink.port(), orinlink.pid(), work, runName);
+        std::this_thread::sleep_for(milliseconds(500));
+        const bool survived = orinlink.running();
+        run["serverSurvived"] = survived;
+        if (!survived) {
+          ++orinlinkCrashes;
+          const int status = orinlink.stop();
+          run["serverExit"] = WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                                                  : "exit " + std::to_string(WEXITSTATUS(status));
+        } else {
+          run["healthAfterwards"] = httpGet(orinlink.port(), "/health").status;
+          orinlink.stop();
+        }
+      } else {
+        const Nginx& nginx = target.name == "nginx-1-worker" ? one : automatic;
+        run = runWrk(options, nginx.port, nginx.process.pid(), work, runName);
+      }
       target.rates.push_back(run["requestsPerSecond"].get<double>());
+      target.cpuPerRequest.push_back(run["serverCPUMicrosecondsPerRequest"].get<double>());
       target.runs.push_back(std::move(run));
     }
   }
   ordered_json out;
   out["wrk"] = "-t" + options.wrkThreads + " -c" + options.wrkConnections + " -d" +
                options.wrkDuration + " -H 'Connection: close'";
-  out["body"] = health.body;
+  out["body"] = body;
   for (Target& target : targets) {
-    out[target.name] = {{"medianRequestsPerSecond", median(target.rates)}, {"runs", target.runs}};
+    out[target.name] = {{"medianRequestsPerSecond", median(target.rates)},
+                        {"medianCPUMicrosecondsPerRequest", median(target.cpuPerRequest)},
+                        {"runs", target.runs}};
   }
-  out["orinlinkAnswersAfterwards"] = httpGet(orinlink.port(), "/health").status == 200;
+  out["orinlinkRunsEndingInACrash"] = orinlinkCrashes;
   one.process.stop();
   automatic.process.stop();
   return out;
 }
 
 // --- Summary ------------------------------------------------------------------------------------
+
+// Each figure beside its goal; ratio = measured / goal (at most 1 passes for the latencies, at
+// least 1 for the throughput ratio).
+ordered_json goals(const ordered_json& r) {
+  ordered_json out = ordered_json::array();
+  const auto add = [&](std::string name, double measured, double goal, bool atMost) {
+    out.push_back({{"goal", std::move(name)},
+                   {"measured", measured},
+                   {"target", goal},
+                   {"ratio", goal != 0 ? measured / goal : 0},
+                   {"met", atMost ? measured <= goal : measured >= goal}});
+  };
+  if (r.contains("relay")) {
+    for (const char* variant : {"paced", "fast"}) {
+      if (!r["relay"].contains(variant)) continue;
+      const auto& v = r["relay"][variant];
+      add(std::string("first token p99 added, µs (") + variant + ")",
+          v["addedFirstTokenMicroseconds"]["p99"].get<double>(), 1000, true);
+      add(std::string("per-token relay p99 added, µs (") + variant + ")",
+          v["addedRelayMicroseconds"]["p99"].get<double>(), 100, true);
+    }
+  }
+  if (r.contains("streams")) {
+    const auto& s = r["streams"];
+    add("tokens lost, out of order or duplicated in the concurrent streams",
+        s["tokensMissing"].get<double>() + s["tokensOutOfOrder"].get<double>() +
+            s["tokensDuplicated"].get<double>(),
+        0, true);
+  }
+  if (r.contains("http")) {
+    const auto& h = r["http"];
+    const double n1 = h["nginx-1-worker"]["medianRequestsPerSecond"].get<double>();
+    add("GET /health requests/s, orinlink / nginx (1 worker)",
+        n1 > 0 ? h["orinlink"]["medianRequestsPerSecond"].get<double>() / n1 : 0, 1, false);
+  }
+  return out;
+}
 
 void printSummary(const ordered_json& r) {
   std::printf("\n%-58s %12s %12s %12s\n", "AI service (loopback)", "stand-in", "orinlink", "added");
@@ -509,12 +625,10 @@ void printSummary(const ordered_json& r) {
         s["tokensPerSecond"].get<double>());
   }
   if (r.contains("memory")) {
-    const auto& m = r["memory"];
-    std::printf(
-        "memory idle: VmRSS %ld KiB, VmHWM %ld KiB; after streams: VmRSS %ld KiB, VmHWM "
-        "%ld KiB\n",
-        m["idle"]["vmRSSKiB"].get<long>(), m["idle"]["vmHWMKiB"].get<long>(),
-        m["afterStreams"]["vmRSSKiB"].get<long>(), m["afterStreams"]["vmHWMKiB"].get<long>());
+    for (const auto& [when, m] : r["memory"].items()) {
+      std::printf("memory (%s): VmRSS %ld KiB, VmHWM %ld KiB, %d threads\n", when.c_str(),
+                  m["vmRSSKiB"].get<long>(), m["vmHWMKiB"].get<long>(), m["threads"].get<int>());
+    }
   }
   if (r.contains("startup")) {
     std::printf("exec to accepting connections: median %.2f ms of %zu starts\n",
@@ -602,7 +716,7 @@ int main(int argc, char** argv) {
       orinlink.stop();
     }
 
-    if (wants(o, "streams") || wants(o, "http")) {
+    if (wants(o, "streams")) {
       OrinLinkProcess orinlink(o.orinlink, work / "streams",
                                {{"ollamaBaseURL", standIn.baseURL()}, {"activeModel", bulkModel}});
       orinlink.start();
@@ -618,12 +732,11 @@ int main(int argc, char** argv) {
         results["memory"]["afterStreams"] = memoryJSON(orinlink.pid());
         results["streams"]["standInActiveAfterwards"] = standIn.stats()["active_generations"];
       }
-      if (wants(o, "http")) {
-        std::cout << "http: wrk against orinlink and nginx…" << std::endl;
-        results["http"] = runHTTP(o, orinlink, work / "http");
-        results["memory"]["afterHTTP"] = memoryJSON(orinlink.pid());
-      }
       orinlink.stop();
+    }
+    if (wants(o, "http")) {
+      std::cout << "http: wrk against orinlink and nginx…" << std::endl;
+      results["http"] = runHTTP(o, standIn.baseURL(), work / "http");
     }
 
     if (wants(o, "startup")) {
@@ -635,9 +748,16 @@ int main(int argc, char** argv) {
       results["faults"] = nlohmann::json::parse(readTextFile(o.faultsResults));
     }
     results["loadAtEnd"] = loadNow();
+    results["goals"] = goals(results);
     fs::create_directories(fs::absolute(o.out).parent_path());
     std::ofstream(o.out) << results.dump(2) << '\n';
     printSummary(results);
+    std::printf("\n%-70s %12s %8s %8s\n", "goal", "measured", "target", "met");
+    for (const auto& g : results["goals"]) {
+      std::printf("%-70s %12.2f %8.0f %8s\n", g["goal"].get<std::string>().c_str(),
+                  g["measured"].get<double>(), g["target"].get<double>(),
+                  g["met"].get<bool>() ? "yes" : "no");
+    }
     std::cout << "\nload average at start " << results["loadAtStart"].get<std::string>()
               << ", at end " << results["loadAtEnd"].get<std::string>() << "\nresults: " << o.out
               << std::endl;

@@ -262,67 +262,83 @@ int main(int argc, char** argv) {
             "an unknown path without a token gets 401");
     }
 
-    // The hostile connections, a fixed mix, several at once.
+    // The hostile connections: one kind after another, several at once, so that a crash can be
+    // put down to its kind. A crashed orinlink is noted and started again on the same files.
+    std::vector<int> kindOrder = onlyKinds;
+    if (kindOrder.empty()) {
+      for (int k = 0; k < kindCount; ++k)
+        kindOrder.push_back(k);
+    }
     std::cout << "sending " << connections << " hostile connections, " << parallel << " at once…"
               << std::endl;
-    std::atomic<std::size_t> next{0};
-    std::mutex tallyMutex;
-    std::map<int, std::map<int, std::size_t>> tally;  // kind -> status -> count
-    const auto started = Clock::now();
-    std::vector<std::thread> workers;
-    for (unsigned w = 0; w < parallel; ++w) {
-      workers.emplace_back([&, w] {
-        std::mt19937 random(1234 + w);
-        while (true) {
-          const std::size_t i = next++;
-          if (i >= connections) return;
-          const int kind = onlyKinds.empty()
-                               ? static_cast<int>(i % kindCount)
-                               : onlyKinds[i % onlyKinds.size()];
-          const int status = attack(static_cast<Kind>(kind), orinlink.port(), token, random);
-          std::lock_guard lock(tallyMutex);
-          ++tally[kind][status];
-        }
-      });
-    }
-    for (std::thread& worker : workers)
-      worker.join();
-    const double seconds = microseconds(Clock::now() - started) / 1e6;
-
     ordered_json kinds = ordered_json::array();
+    ordered_json crashes = ordered_json::array();
     std::size_t unexpected = 0;
-    for (const auto& [kind, statuses] : tally) {
-      ordered_json row;
-      row["kind"] = kindName(static_cast<Kind>(kind));
-      row["expectedStatus"] = expectedStatus(static_cast<Kind>(kind));
-      std::size_t count = 0;
-      for (const auto& [status, n] : statuses) {
-        row["statuses"][std::to_string(status)] = n;
-        count += n;
-        if (expectedStatus(static_cast<Kind>(kind)) != 0 &&
-            status != expectedStatus(static_cast<Kind>(kind))) {
-          unexpected += n;
-        }
+    const auto started = Clock::now();
+    for (std::size_t k = 0; k < kindOrder.size(); ++k) {
+      const Kind kind = static_cast<Kind>(kindOrder[k]);
+      // Spread as evenly as the count allows.
+      const std::size_t share =
+          connections / kindOrder.size() + (k < connections % kindOrder.size() ? 1 : 0);
+      std::atomic<std::size_t> next{0};
+      std::mutex tallyMutex;
+      std::map<int, std::size_t> statuses;
+      std::vector<std::thread> workers;
+      for (unsigned w = 0; w < parallel; ++w) {
+        workers.emplace_back([&, w] {
+          std::mt19937 random(1234 + w + 100 * static_cast<unsigned>(k));
+          while (next++ < share) {
+            const int status = attack(kind, orinlink.port(), token, random);
+            std::lock_guard lock(tallyMutex);
+            ++statuses[status];
+          }
+        });
       }
-      row["connections"] = count;
+      for (std::thread& worker : workers)
+        worker.join();
+      std::this_thread::sleep_for(milliseconds(200));
+      ordered_json row;
+      row["kind"] = kindName(kind);
+      row["connections"] = share;
+      row["expectedStatus"] = expectedStatus(kind);
+      for (const auto& [status, n] : statuses) {
+        // -1: the connection was refused (nothing listening any more).
+        row["statuses"][std::to_string(status)] = n;
+        if (expectedStatus(kind) != 0 && status != expectedStatus(kind)) unexpected += n;
+      }
+      row["orinlinkSurvived"] = orinlink.running();
+      std::cout << "    " << share << " x " << row["kind"].get<std::string>() << ": "
+                << row["statuses"].dump() << (row["orinlinkSurvived"] ? "" : "  -> orinlink died")
+                << std::endl;
+      if (!row["orinlinkSurvived"]) {
+        const int status = orinlink.stop();
+        const std::string errors = readTextFile(orinlink.errorFile());
+        crashes.push_back(
+            {{"kind", kindName(kind)},
+             {"signal", WIFSIGNALED(status) ? WTERMSIG(status) : 0},
+             {"exitCode", WIFEXITED(status) ? WEXITSTATUS(status) : -1},
+             {"stderrTail", errors.substr(errors.size() > 2000 ? errors.size() - 2000 : 0)}});
+        const std::string suffix = ".crash" + std::to_string(crashes.size());
+        fs::rename(orinlink.outputFile(), fs::path(orinlink.outputFile()).concat(suffix));
+        fs::rename(orinlink.errorFile(), fs::path(orinlink.errorFile()).concat(suffix));
+        orinlink.start();
+      }
       kinds.push_back(row);
     }
-    results["hostile"] = {{"connections", connections},
-                          {"parallel", parallel},
-                          {"seconds", seconds},
-                          {"kinds", kinds},
-                          {"unexpectedReplies", unexpected}};
-    for (const auto& row : kinds) {
-      std::cout << "    " << row["connections"] << " x " << row["kind"].get<std::string>() << ": "
-                << row["statuses"].dump() << '\n';
-    }
+    const double seconds = microseconds(Clock::now() - started) / 1e6;
+    results["hostile"] = {{"connections", connections}, {"parallel", parallel},
+                          {"seconds", seconds},         {"kinds", kinds},
+                          {"crashes", crashes},         {"unexpectedReplies", unexpected}};
+    check(crashes.empty(), "orinlink survives every kind of hostile connection (" +
+                               std::to_string(crashes.size()) + " kinds crashed it)");
     check(unexpected == 0, "every hostile connection that waited got the expected status");
 
     // Afterwards: alive, answering, nothing left behind.
     check(standIn.waitFor({{"active_generations", 0}}, 20000),
           "every generation cut off by a reset was cancelled upstream");
     std::this_thread::sleep_for(std::chrono::seconds(2));
-    check(orinlink.running(), "orinlink is still running");
+    const bool survived = crashes.empty();
+    check(orinlink.running(), "orinlink is running at the end");
     const PlainReply health = httpGet(orinlink.port(), "/health");
     check(health.status == 200 && health.body.find("\"ok\"") != std::string::npos,
           "GET /health answers 200 afterwards");
@@ -337,34 +353,48 @@ int main(int argc, char** argv) {
           [&](std::string_view) { ++streamed; });
       check(streamed > 0, "a paired device still streams a reply afterwards");
     }
-    results["after"] = {{"vmRSSKiB", readMemory(pid).rssKiB},
-                        {"vmHWMKiB", readMemory(pid).hwmKiB},
-                        {"openFiles", openFileCount(pid)},
-                        {"threads", threadCount(pid)}};
-    check(results["after"]["openFiles"].get<int>() <= results["before"]["openFiles"].get<int>() + 2,
+    const pid_t after = orinlink.pid();
+    results["after"] = {{"vmRSSKiB", readMemory(after).rssKiB},
+                        {"vmHWMKiB", readMemory(after).hwmKiB},
+                        {"openFiles", openFileCount(after)},
+                        {"threads", threadCount(after)}};
+    if (survived) {
+      check(
+          results["after"]["openFiles"].get<int>() <= results["before"]["openFiles"].get<int>() + 2,
           "no descriptors left open (" + results["before"]["openFiles"].dump() + " before, " +
               results["after"]["openFiles"].dump() + " after)");
+    }
 
     // Secrets: the token and the codes, in everything orinlink wrote.
     const std::string codeAtEnd = orinlink.pairingCode();
     const int exitStatus = orinlink.stop();
     check(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0,
           "orinlink exits cleanly on SIGTERM");
-    std::vector<std::pair<std::string, std::string>> texts{
-        {"stdout", readTextFile(orinlink.outputFile())},
-        {"stderr", readTextFile(orinlink.errorFile())}};
-    std::size_t filesScanned = 0;
-    for (const fs::path& root : {orinlink.configDirectory(), orinlink.dataDirectory()}) {
-      for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        if (!entry.is_regular_file()) continue;
-        texts.emplace_back(entry.path().string(), readTextFile(entry.path()));
-        ++filesScanned;
+    // Its output files, config and data are all under the work directory.
+    std::vector<std::pair<std::string, std::string>> texts;
+    std::size_t outputBytes = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(fs::absolute(workDirectory))) {
+      if (!entry.is_regular_file()) continue;
+      texts.emplace_back(entry.path().string(), readTextFile(entry.path()));
+      if (entry.path().parent_path() == fs::absolute(workDirectory)) {
+        outputBytes += texts.back().second.size();
       }
+    }
+    const std::size_t filesScanned = texts.size();
+    // The code is shown as "123 456"; it is looked for with and without the blank.
+    std::vector<std::string> codes;
+    for (const std::string& code : {codeUsed, codeAfterPairing, codeAtEnd}) {
+      codes.push_back(code);
+      std::string digits;
+      for (const char c : code) {
+        if (std::isdigit(static_cast<unsigned char>(c))) digits.push_back(c);
+      }
+      codes.push_back(digits);
     }
     std::vector<Finding> findings;
     for (const auto& [where, text] : texts) {
       if (text.find(token) != std::string::npos) findings.push_back({where, "device token"});
-      for (const std::string& code : {codeUsed, codeAfterPairing, codeAtEnd}) {
+      for (const std::string& code : codes) {
         if (containsCode(text, code)) findings.push_back({where, "pairing code " + code});
       }
     }
@@ -374,11 +404,11 @@ int main(int argc, char** argv) {
       std::cout << "    found " << f.what << " in " << f.where << '\n';
     }
     results["secrets"] = {{"filesScanned", filesScanned},
-                          {"outputBytes", texts[0].second.size() + texts[1].second.size()},
+                          {"outputBytes", outputBytes},
                           {"codesChecked", 3},
                           {"findings", found}};
-    check(findings.empty(), "no token or pairing code in orinlink's output or " +
-                                std::to_string(filesScanned) + " files");
+    check(findings.empty(), "no token or pairing code in orinlink's output, config or data (" +
+                                std::to_string(filesScanned) + " files)");
   } catch (const std::exception& error) {
     std::cerr << "orin_ai_faults: " << error.what() << '\n';
     results["error"] = error.what();
