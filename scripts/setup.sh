@@ -11,8 +11,13 @@ packages=(
   # libraries
   nlohmann-json3-dev libboost1.81-dev libboost-url1.81-dev libssl-dev libcli11-dev
   libqrencode-dev libavahi-client-dev
+  # screen capture and HEVC encoding
+  libxcb1-dev libxcb-shm0-dev libxcb-randr0-dev libxcb-xfixes0-dev
+  libavcodec-dev libswscale-dev libavutil-dev
   # service discovery at run time and in the tests
   dbus avahi-daemon avahi-utils
+  # X servers for the screen tests, and ffmpeg to check and compare the streams
+  xvfb xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils ffmpeg
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
 )

@@ -108,6 +108,8 @@ ordered_json describe(PathSamples& samples) {
   if (!samples.lastFailure.empty()) out["lastFailure"] = samples.lastFailure;
   out["wrongTokens"] = samples.wrongTokens;
   out["tokensWithoutTapMark"] = samples.unmarked;
+  // In request order, for looking at drift and outliers.
+  out["firstTokenSeriesMicroseconds"] = samples.firstToken;
   out["firstTokenMicroseconds"] = percentiles(samples.firstToken).toJSON();
   out["gapMicroseconds"] = percentiles(samples.gap).toJSON();
   out["relayMicroseconds"] = percentiles(samples.relay).toJSON();

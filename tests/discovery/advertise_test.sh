@@ -26,16 +26,25 @@ eventually() {
 }
 
 avahi_running() { avahi-daemon -c 2>/dev/null; }
+bus_alive() {
+  dbus-send --system --dest=org.freedesktop.DBus --type=method_call --print-reply \
+    /org/freedesktop/DBus org.freedesktop.DBus.GetId >/dev/null 2>&1
+}
 
 if ! avahi_running; then
   if [ "$(id -u)" -ne 0 ] || ! command -v avahi-daemon >/dev/null; then
     echo "no Avahi daemon and no way to start one here: skipped"
     exit $skip
   fi
-  if [ ! -S /run/dbus/system_bus_socket ]; then
+  # A bus that died leaves its socket and pid file behind, and the daemon refuses to start
+  # over a pid file; package scripts in containers leave such remains too.
+  if ! bus_alive; then
     mkdir -p /run/dbus
+    rm -f /run/dbus/pid /run/dbus/system_bus_socket
     dbus-daemon --system --fork
+    eventually bus_alive
   fi
+  rm -f /run/avahi-daemon/pid
   needs_daemon=1
 else
   needs_daemon=0
@@ -50,7 +59,11 @@ port=$(sed -n 's/^Server started on port \([0-9]*\)\.$/\1/p' "$work/out.txt")
 
 if [ "$needs_daemon" = 1 ]; then
   eventually grep -q "Discovery is unavailable" "$work/out.txt"
-  avahi-daemon -D --no-drop-root --no-chroot
+  if ! avahi-daemon -D --no-drop-root --no-chroot 2>"$work/avahi.txt"; then
+    echo "avahi-daemon did not start:"
+    cat "$work/avahi.txt"
+    exit 1
+  fi
   started_avahi=1
   eventually grep -q "Discovery is available" "$work/out.txt"
 fi
