@@ -107,6 +107,7 @@ AppState::AppState(Environment environment)
   const double bytes = static_cast<double>(env_.system->physicalMemoryBytes());
   physicalMemoryGB_ = static_cast<std::uint64_t>(std::llround(bytes / 1073741824.0));
   readSettings();
+  publishHealth();
 }
 
 AppState::~AppState() {
@@ -149,6 +150,7 @@ void AppState::unobserve(std::uint64_t subscription) {
 }
 
 void AppState::changed(std::string_view property) {
+  if (property == "activeModel") publishHealth();
   // A copy, because an observer may subscribe or leave while being told.
   const auto observers = observers_;
   for (const auto& [id, observer] : observers)
@@ -234,6 +236,22 @@ void AppState::startServer() {
               co_return co_await std::move(routing);
             }(weak, std::move(request));
       });
+  server->setImmediateHandler([weak = weak_from_this(), board = health_, main = env_.mainExecutor](
+                                  const HTTPRequest& request) -> std::optional<std::string> {
+    if (request.method != "GET" || request.path.substr(0, request.path.find('?')) != "/health")
+      return std::nullopt;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    if (now >= board->noWarmBefore.load(std::memory_order_relaxed) &&
+        !board->warmPending.exchange(true)) {
+      asio::post(main, [weak] {
+        if (auto self = weak.lock()) {
+          self->health_->warmPending = false;
+          self->warmActiveModel(false);
+        }
+      });
+    }
+    return *board->reply.load();
+  });
   const LocalHTTPServer* current = server.get();
   server->setStateChanged([weak = weak_from_this(), current](bool running, std::uint16_t port,
                                                              std::optional<std::string> error) {
@@ -467,7 +485,11 @@ void AppState::cancelPull() {
 
 void AppState::warmActiveModel(bool force) {
   const Date now = env_.clock();
-  if (!force && lastModelWarmAt_ && now.secondsSince(*lastModelWarmAt_) < warmUpSpacingSeconds) {
+  const double sinceLast = lastModelWarmAt_ ? now.secondsSince(*lastModelWarmAt_) : 0;
+  if (!force && lastModelWarmAt_ && sinceLast < warmUpSpacingSeconds) {
+    const auto wait = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(warmUpSpacingSeconds - sinceLast));
+    health_->noWarmBefore = (std::chrono::steady_clock::now() + wait).time_since_epoch().count();
     return;
   }
   lastModelWarmAt_ = now;
@@ -588,9 +610,7 @@ asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
 
   if (method == "GET" && path == "/health") {
     warmActiveModel(false);
-    co_return HTTPHandlerResult::response(HTTPResponse::json(
-        OrinLinkHealth{"ok", "Orin Link", std::string(appVersion), "ollama", p_.activeModel},
-        HTTPStatus::ok, "OK"));
+    co_return HTTPHandlerResult::response(healthResponse());
   }
   if (method == "POST" && path == "/v1/pair") {
     try {
@@ -648,6 +668,16 @@ asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
   }
   co_return HTTPHandlerResult::response(HTTPResponse::error(
       HTTPStatus::notFound, "not_found", "No Orin Link endpoint exists at " + request.path + "."));
+}
+
+HTTPResponse AppState::healthResponse() const {
+  return HTTPResponse::json(
+      OrinLinkHealth{"ok", "Orin Link", std::string(appVersion), "ollama", p_.activeModel},
+      HTTPStatus::ok, "OK");
+}
+
+void AppState::publishHealth() {
+  health_->reply = std::make_shared<const std::string>(healthResponse().serialized());
 }
 
 HTTPResponse AppState::handlePair(const HTTPRequest& request) {
@@ -737,45 +767,94 @@ TextChunkStream AppState::handleGenerateStream(const HTTPRequest& request) {
   auto made = TextChunkStream::make();
   TextChunkStream chunks = std::move(made.first);
   const TextChunkStream::Continuation continuation = made.second;
-  // The device going away (on the server's executor) cancels the producer here, which cancels
-  // the runtime's stream and so the request upstream.
-  auto cancel = std::make_shared<asio::cancellation_signal>();
-  continuation.onTermination([main = env_.mainExecutor, cancel](TextChunkStream::Termination why) {
-    if (why == TextChunkStream::Termination::cancelled) {
-      asio::post(main, [cancel] { cancel->emit(asio::cancellation_type::terminal); });
-    }
+  // Tokens are read upstream and relayed on the server's own loop, where the device's socket is
+  // written, so a token crosses no thread; the bookkeeping follows on the main loop.
+  const asio::any_io_executor relay = env_.httpExecutor;
+  OllamaRuntime upstreamClient(
+      OllamaEndpoint::parse(p_.baseURLText).value_or(OllamaEndpoint::defaultEndpoint()), relay,
+      env_.ollamaTimeouts);
+  auto tally = std::make_shared<GenerationTally>();
+  // The device going away cancels the relay, which cancels the runtime's stream and so the
+  // request upstream. Emitted on the relay's loop, and only while the relay runs.
+  auto cancel = std::make_shared<RelayCancellation>();
+  continuation.onTermination([relay, cancel](TextChunkStream::Termination why) {
+    if (why != TextChunkStream::Termination::cancelled) return;
+    asio::post(relay, [cancel] {
+      if (!cancel->finished) cancel->signal.emit(asio::cancellation_type::terminal);
+    });
   });
   asio::co_spawn(
-      env_.mainExecutor,
-      [self = shared_from_this(), upstream = runtime().stream(std::move(modelRequest)),
-       continuation, entry, start, cancel]() mutable -> asio::awaitable<void> {
-        std::int64_t count = 0;
+      relay,
+      [weak = weak_from_this(), main = env_.mainExecutor,
+       upstream = upstreamClient.stream(std::move(modelRequest)), continuation, entry, start,
+       cancel, tally]() mutable -> asio::awaitable<void> {
         std::exception_ptr failure;
         try {
-          while (auto token = co_await upstream.next(asio::use_awaitable)) {
-            ++count;
-            if (entry) self->appendConversationToken(*token, *entry);
-            if (count % 8 == 0) {
-              const double elapsed = std::max(self->env_.clock().secondsSince(start), 0.05);
-              self->set(&Properties::tokensPerSecond,
-                        std::optional<double>(static_cast<double>(count) / elapsed),
-                        "tokensPerSecond");
+          while (true) {
+            std::optional<std::string> token = co_await upstream.next(asio::use_awaitable);
+            if (!token) break;
+            if (tally->add(*token)) {
+              asio::post(main, [weak, tally, entry, start] {
+                if (auto self = weak.lock()) self->applyTally(*tally, entry, start);
+              });
             }
             continuation.yield(std::move(*token));
           }
         } catch (...) {
           failure = std::current_exception();
         }
-        if (entry) self->completeConversationEntry(*entry);
-        self->endGeneration(count, start);
+        cancel->finished = true;
+        asio::post(main, [weak, tally, entry, start] {
+          auto self = weak.lock();
+          if (!self) return;
+          self->applyTally(*tally, entry, start);
+          if (entry) self->completeConversationEntry(*entry);
+          self->endGeneration(tally->total(), start);
+        });
         if (failure) {
           continuation.finish(failure);
         } else {
           continuation.finish();
         }
       },
-      asio::bind_cancellation_slot(cancel->slot(), asio::detached));
+      asio::bind_cancellation_slot(cancel->signal.slot(), asio::detached));
   return chunks;
+}
+
+bool AppState::GenerationTally::add(const std::string& token) {
+  const std::lock_guard lock(mutex_);
+  pending_ += token;
+  ++count_;
+  const bool first = !posted_;
+  posted_ = true;
+  return first;
+}
+
+AppState::GenerationTally::Taken AppState::GenerationTally::take() {
+  const std::lock_guard lock(mutex_);
+  posted_ = false;
+  Taken taken{std::move(pending_), applied_, count_};
+  pending_.clear();
+  applied_ = count_;
+  return taken;
+}
+
+std::int64_t AppState::GenerationTally::total() {
+  const std::lock_guard lock(mutex_);
+  return count_;
+}
+
+void AppState::applyTally(GenerationTally& tally, const std::optional<Uuid>& entry, Date start) {
+  const auto taken = tally.take();
+  if (taken.count == taken.before) return;
+  if (entry) appendConversationToken(taken.text, *entry);
+  // The rate is refreshed every eighth token.
+  if (taken.count / 8 > taken.before / 8) {
+    const double elapsed = std::max(env_.clock().secondsSince(start), 0.05);
+    set(&Properties::tokensPerSecond,
+        std::optional<double>(static_cast<double>(taken.count / 8 * 8) / elapsed),
+        "tokensPerSecond");
+  }
 }
 
 }  // namespace orin

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -184,6 +187,45 @@ class AppState : public std::enable_shared_from_this<AppState> {
   TextChunkStream handleGenerateStream(const HTTPRequest& request);
   OrinLinkStatusPayload statusPayload() const;
   std::string beginGeneration(const HTTPRequest& request);
+  HTTPResponse healthResponse() const;
+  void publishHealth();
+
+  // Tokens relayed on the server's loop, waiting to be entered in the statistics and the
+  // conversation log on the main loop; one hand-off is in flight at a time, however fast tokens
+  // come.
+  class GenerationTally {
+   public:
+    struct Taken {
+      std::string text;
+      std::int64_t before = 0;
+      std::int64_t count = 0;
+    };
+    // True when the caller should post a hand-off.
+    bool add(const std::string& token);
+    Taken take();
+    std::int64_t total();
+
+   private:
+    std::mutex mutex_;
+    std::string pending_;
+    std::int64_t applied_ = 0;
+    std::int64_t count_ = 0;
+    bool posted_ = false;
+  };
+  struct RelayCancellation {
+    boost::asio::cancellation_signal signal;
+    bool finished = false;  // the relay's loop only
+  };
+  void applyTally(GenerationTally& tally, const std::optional<Uuid>& entry, Date start);
+
+  // What the server's thread needs to answer /health without the main loop: the serialized
+  // reply, republished when the active model changes, and a gate that keeps it from asking the
+  // main loop for a warm-up while one would be refused for spacing anyway.
+  struct HealthBoard {
+    std::atomic<std::shared_ptr<const std::string>> reply;
+    std::atomic<bool> warmPending{false};
+    std::atomic<std::chrono::steady_clock::rep> noWarmBefore{0};
+  };
 
   Environment env_;
   SettingsStore settings_;
@@ -196,6 +238,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   std::shared_ptr<boost::asio::cancellation_signal> pullCancel_;
   std::shared_ptr<boost::asio::cancellation_signal> watchCancel_;
   std::optional<Date> lastModelWarmAt_;
+  std::shared_ptr<HealthBoard> health_ = std::make_shared<HealthBoard>();
   std::uint64_t physicalMemoryGB_ = 0;
   bool launched_ = false;
 };

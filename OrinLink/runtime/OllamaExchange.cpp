@@ -48,18 +48,29 @@ OllamaExchange::OllamaExchange(asio::any_io_executor executor,
     : tlsContext_(std::move(tls)), idleTimeout_(idleTimeout), resolver_(executor), tcp_(executor) {
   // Streams may run for hours; only the per-read idle time-out bounds them.
   parser_.body_limit(boost::none);
+  // Beast reads no more than the buffer's spare capacity (at least 512 bytes) at a time.
+  buffer_.reserve(16 * 1024);
 }
 
 asio::awaitable<unsigned> OllamaExchange::begin(OllamaEndpoint endpoint, http::verb method,
                                                 std::string path,
                                                 std::optional<std::string> jsonBody) {
   // Temporaries stay out of co_await expressions: GCC 12 may destroy them twice.
-  const std::string service = std::to_string(endpoint.port);
-  const auto addresses =
-      co_await resolver_.async_resolve(endpoint.host, service, asio::use_awaitable);
-  throwIfClosed();
-  tcp_.expires_after(idleTimeout_);
-  co_await tcp_.async_connect(addresses, asio::use_awaitable);
+  error_code notALiteral;
+  const auto literal = asio::ip::make_address(endpoint.host, notALiteral);
+  if (!notALiteral) {
+    // An address needs no resolver, whose work runs on a thread of its own.
+    const asio::ip::tcp::endpoint target(literal, endpoint.port);
+    tcp_.expires_after(idleTimeout_);
+    co_await tcp_.async_connect(target, asio::use_awaitable);
+  } else {
+    const std::string service = std::to_string(endpoint.port);
+    const auto addresses =
+        co_await resolver_.async_resolve(endpoint.host, service, asio::use_awaitable);
+    throwIfClosed();
+    tcp_.expires_after(idleTimeout_);
+    co_await tcp_.async_connect(addresses, asio::use_awaitable);
+  }
   throwIfClosed();
 
   if (tlsContext_) {

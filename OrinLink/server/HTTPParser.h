@@ -34,6 +34,9 @@ class HTTPRequestReader {
   Status append(std::string_view bytes);
   Status status() const { return status_; }
   std::size_t bufferedBytes() const { return buffered_; }
+  // Bytes received past the declared body (pipelining, or a client that sent too much); only
+  // meaningful once complete and before take().
+  bool hasBytesPastBody() const { return body_.size() > requiredBodyBytes_; }
 
   // The finished request; only after append() reported `complete`.
   HTTPRequest take();

@@ -64,18 +64,34 @@ std::string eventStreamError(std::string_view description) {
   return "event: error\ndata: " + text + "\n\n";
 }
 
+// Cancels a handler running on the main loop. It is emitted on the main loop only, and only
+// while the handler runs: the slot it is bound to holds state of that co_spawn, and emitting from
+// another thread could run after the handler finished and that state is gone.
+struct HandlerCancellation {
+  asio::cancellation_signal signal;
+  bool finished = false;  // main loop only
+};
+
 struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   struct Connection {
-    explicit Connection(tcp::socket s) : socket(std::move(s)), lingerTimer(socket.get_executor()) {}
+    Connection(tcp::socket s, asio::any_io_executor main)
+        : socket(std::move(s)), lingerTimer(socket.get_executor()), mainExecutor(std::move(main)) {}
     tcp::socket socket;
     asio::steady_timer lingerTimer;
+    asio::any_io_executor mainExecutor;
     asio::cancellation_signal cancellation;
+    std::shared_ptr<HandlerCancellation> handler;
     std::optional<std::string> tokenHash;
     bool cancelled = false;
 
     void cancel() {
       if (cancelled) return;
       cancelled = true;
+      if (handler) {
+        asio::post(mainExecutor, [handler = std::move(handler)] {
+          if (!handler->finished) handler->signal.emit(asio::cancellation_type::terminal);
+        });
+      }
       cancellation.emit(asio::cancellation_type::terminal);
       lingerTimer.cancel();
       error_code ignored;
@@ -95,6 +111,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   asio::any_io_executor serverExecutor;
   asio::any_io_executor mainExecutor;
   Handler handler;
+  ImmediateHandler immediateHandler;
   StateChanged stateChanged;
 
   // Touched on the server executor only.
@@ -163,11 +180,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   }
 
   void admit(tcp::socket socket) {
-    // Tokens leave one write at a time; none may wait for the previous one's acknowledgement.
-    error_code ignored;
-    socket.set_option(tcp::no_delay(true), ignored);
     const std::uint64_t id = nextConnectionId++;
-    auto connection = std::make_shared<Connection>(std::move(socket));
+    auto connection = std::make_shared<Connection>(std::move(socket), mainExecutor);
     connections.emplace(id, connection);
     asio::co_spawn(serverExecutor, serve(shared_from_this(), connection),
                    asio::bind_cancellation_slot(connection->cancellation.slot(),
@@ -180,10 +194,11 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   static asio::awaitable<void> serve(std::shared_ptr<Core> self,
                                      std::shared_ptr<Connection> connection) {
     HTTPRequestReader reader;
-    std::vector<char> buffer(readChunkBytes);
+    // Left uninitialised: most requests fill a few hundred bytes of it.
+    const auto buffer = std::make_unique_for_overwrite<char[]>(readChunkBytes);
     while (true) {
       auto [ec, received] = co_await connection->socket.async_read_some(
-          asio::buffer(buffer), asio::as_tuple(asio::use_awaitable));
+          asio::buffer(buffer.get(), readChunkBytes), asio::as_tuple(asio::use_awaitable));
       if (connection->cancelled) co_return;
       // Every awaited call is made in a statement of its own: GCC 12 destroys temporaries that
       // are created inside a co_await expression twice.
@@ -194,7 +209,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
         co_await std::move(replying);
         co_return;
       }
-      const auto status = reader.append({buffer.data(), received});
+      const auto status = reader.append({buffer.get(), received});
       if (status == HTTPRequestReader::Status::tooLarge) {
         auto replying =
             reply(connection, HTTPResponse::error(HTTPStatus::payloadTooLarge, "request_too_large",
@@ -203,7 +218,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
         co_return;
       }
       if (status == HTTPRequestReader::Status::complete) {
-        auto handling = handle(self, connection, reader.take());
+        const bool readToTheEnd = !reader.hasBytesPastBody();
+        auto handling = handle(self, connection, reader.take(), readToTheEnd);
         co_await std::move(handling);
         co_return;
       }
@@ -218,7 +234,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   }
 
   static asio::awaitable<void> handle(std::shared_ptr<Core> self,
-                                      std::shared_ptr<Connection> connection, HTTPRequest request) {
+                                      std::shared_ptr<Connection> connection, HTTPRequest request,
+                                      bool readToTheEnd) {
     if (auto token = request.bearerToken()) {
       std::string hash = tokenHash(*token);
       if (self->revokedHashes.contains(hash)) {
@@ -227,11 +244,25 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       }
       connection->tokenHash = std::move(hash);
     }
+    if (self->immediateHandler) {
+      if (std::optional<std::string> answer = self->immediateHandler(request)) {
+        auto writing = write(connection, std::move(*answer));
+        co_await std::move(writing);
+        closeAfterReply(connection, readToTheEnd);
+        co_return;
+      }
+    }
     asio::co_spawn(self->serverExecutor, watchPeer(connection), asio::detached);
+    auto cancellation = std::make_shared<HandlerCancellation>();
+    connection->handler = cancellation;
     std::optional<HTTPHandlerResult> result;
     try {
-      auto call = self->handler(std::move(request));
-      auto onMain = asio::co_spawn(self->mainExecutor, std::move(call), asio::use_awaitable);
+      auto call = runHandler(self->handler, std::move(request), cancellation);
+      // Bound to a slot of its own: the connection's cancellation must not reach into the main
+      // loop's co_spawn from this thread (see HandlerCancellation).
+      auto onMain = asio::co_spawn(
+          self->mainExecutor, std::move(call),
+          asio::bind_cancellation_slot(cancellation->signal.slot(), asio::use_awaitable));
       result = co_await std::move(onMain);
     } catch (...) {
       if (connection->cancelled) co_return;
@@ -240,6 +271,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
                                                         std::string(reasonPhrase(500)),
                                                         HTTPResponse::plainTextHeaders(), text});
     }
+    connection->handler.reset();
     if (connection->cancelled) co_return;
     if (auto* response = std::get_if<HTTPResponse>(&result->value)) {
       auto writing = write(connection, response->serialized());
@@ -249,7 +281,19 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
           writeEventStream(connection, std::get<TextChunkStream>(std::move(result->value)));
       co_await std::move(streaming);
     }
-    closeAfterReply(connection);
+    // The watcher reads whatever the peer still sends, so the close cannot reset the reply.
+    closeAfterReply(connection, false);
+  }
+
+  // Runs on the main loop; marks the end there, where the cancellation is emitted.
+  static asio::awaitable<HTTPHandlerResult> runHandler(Handler handler, HTTPRequest request,
+                                                       std::shared_ptr<HandlerCancellation> state) {
+    struct MarkFinished {
+      HandlerCancellation& state;
+      ~MarkFinished() { state.finished = true; }
+    } mark{*state};
+    auto call = handler(std::move(request));
+    co_return co_await std::move(call);
   }
 
   // The one reader of a connection whose request is in hand: the peer closing or failing ends the
@@ -266,8 +310,15 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     connection->cancel();
   }
 
-  static void closeAfterReply(const std::shared_ptr<Connection>& connection) {
+  // A request read exactly to its end leaves nothing unread, so the socket can close at once, as
+  // a close over unread input would reset the connection under the reply; otherwise the peer
+  // gets a moment to read the reply while its input is discarded.
+  static void closeAfterReply(const std::shared_ptr<Connection>& connection, bool readToTheEnd) {
     if (connection->cancelled) return;
+    if (readToTheEnd) {
+      connection->cancel();
+      return;
+    }
     error_code ec;
     connection->socket.shutdown(tcp::socket::shutdown_send, ec);
     if (ec) {
@@ -303,6 +354,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
 
   static asio::awaitable<void> writeEventStream(std::shared_ptr<Connection> connection,
                                                 TextChunkStream stream) {
+    // Tokens leave one write at a time; none may wait for the previous one's acknowledgement.
+    error_code ignored;
+    connection->socket.set_option(tcp::no_delay(true), ignored);
     auto writingHead = write(connection, std::string(eventStreamHead));
     const bool headWritten = co_await std::move(writingHead);
     if (!headWritten) co_return;
@@ -386,6 +440,10 @@ LocalHTTPServer::~LocalHTTPServer() {
 
 void LocalHTTPServer::setStateChanged(StateChanged callback) {
   core_->stateChanged = std::move(callback);
+}
+
+void LocalHTTPServer::setImmediateHandler(ImmediateHandler handler) {
+  core_->immediateHandler = std::move(handler);
 }
 
 void LocalHTTPServer::start() {

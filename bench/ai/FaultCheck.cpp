@@ -67,7 +67,7 @@ const char* kindName(Kind kind) {
     case Kind::streamReset:
       return "streamed generation, reset after the first bytes";
     case Kind::requestThenReset:
-      return "GET /health, reset before reading";
+      return "GET /status (answered on the main loop), reset before reading";
     case Kind::fragmentedRequest:
       return "GET /health in pieces";
   }
@@ -161,7 +161,7 @@ int attack(Kind kind, std::uint16_t port, const std::string& token, std::mt19937
       return 0;
     }
     case Kind::requestThenReset:
-      sendAll(fd, "GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+      sendAll(fd, "GET /status HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
       socket.reset();
       return 0;
     case Kind::fragmentedRequest:

@@ -1,10 +1,13 @@
 #include <future>
 #include <string>
 
+#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 #include <gtest/gtest.h>
@@ -26,16 +29,24 @@ class LocalHTTPServerTest : public testing::Test {
  protected:
   using Respond = std::function<HTTPHandlerResult(const HTTPRequest&)>;
 
-  void startServer(Respond respond, std::uint16_t port = 0) {
+  void startServer(Respond respond, std::uint16_t port = 0,
+                   LocalHTTPServer::ImmediateHandler immediate = {}) {
     respond_ = std::move(respond);
+    startServerWith(
+        [this](HTTPRequest request) -> asio::awaitable<HTTPHandlerResult> {
+          co_return respond_(request);
+        },
+        port, std::move(immediate));
+  }
+
+  void startServerWith(LocalHTTPServer::Handler handler, std::uint16_t port = 0,
+                       LocalHTTPServer::ImmediateHandler immediate = {}) {
     LocalHTTPServer::Options options;
     options.port = port;
     options.bindAddress = asio::ip::address_v4::loopback();
-    server_ = std::make_unique<LocalHTTPServer>(
-        options, serverLoop_.executor(), mainLoop_.executor(),
-        [this](HTTPRequest request) -> asio::awaitable<HTTPHandlerResult> {
-          co_return respond_(request);
-        });
+    server_ = std::make_unique<LocalHTTPServer>(options, serverLoop_.executor(),
+                                                mainLoop_.executor(), std::move(handler));
+    if (immediate) server_->setImmediateHandler(std::move(immediate));
     std::promise<std::pair<bool, std::string>> ready;
     server_->setStateChanged([&ready](bool running, std::uint16_t, std::optional<std::string> m) {
       ready.set_value({running, m.value_or("")});
@@ -209,6 +220,62 @@ TEST_F(LocalHTTPServerTest, SurvivesPeersThatResetMidRequest) {
       socket.close();
     }
   }
+  EXPECT_EQ(statusLine(exchange("GET /health HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
+}
+
+// Requests the immediate handler takes never reach the main loop; the others still do, and a
+// request followed by more bytes still gets its whole reply before the close.
+TEST_F(LocalHTTPServerTest, ImmediateAnswersSkipTheMainLoop) {
+  std::atomic<int> mainCalls = 0;
+  startServer(
+      [&](const HTTPRequest& request) {
+        ++mainCalls;
+        return echo(request);
+      },
+      0,
+      [](const HTTPRequest& request) -> std::optional<std::string> {
+        if (request.path != "/fast") return std::nullopt;
+        return HTTPResponse{200, "OK", {}, "fast"}.serialized();
+      });
+  struct Case {
+    std::string_view request;
+    std::string_view body;
+    int mainCallsAfter;
+  };
+  const Case cases[] = {
+      {"GET /fast HTTP/1.1\r\n\r\n", "fast", 0},
+      {"GET /fast HTTP/1.1\r\n\r\nGET /fast HTTP/1.1\r\n\r\n", "fast", 0},
+      {"GET /slow HTTP/1.1\r\n\r\n", "GET /slow ", 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.request);
+    EXPECT_EQ(bodyOf(exchange(c.request)), c.body);
+    EXPECT_EQ(mainCalls, c.mainCallsAfter);
+  }
+}
+
+// A client that leaves while its request is handled on the main loop cancels the handler there,
+// however the two threads interleave, and whether the handler has finished or not.
+TEST_F(LocalHTTPServerTest, LeavingCancelsTheHandlerOnTheMainLoop) {
+  auto cancelled = std::make_shared<std::promise<void>>();
+  startServerWith([&](HTTPRequest request) -> asio::awaitable<HTTPHandlerResult> {
+    if (request.path == "/wait") {
+      asio::steady_timer forever(co_await asio::this_coro::executor, std::chrono::hours(1));
+      auto [ec] = co_await forever.async_wait(asio::as_tuple(asio::use_awaitable));
+      if (ec == asio::error::operation_aborted) cancelled->set_value();
+    }
+    co_return echo(request);
+  });
+  for (int round = 0; round < 200; ++round) {
+    tcp::socket socket = connect();
+    asio::write(socket, asio::buffer("GET /quick HTTP/1.1\r\n\r\n"sv));
+    socket.set_option(asio::socket_base::linger(true, 0));
+    socket.close();
+  }
+  tcp::socket socket = connect();
+  asio::write(socket, asio::buffer("GET /wait HTTP/1.1\r\n\r\n"sv));
+  socket.close();
+  EXPECT_EQ(cancelled->get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_EQ(statusLine(exchange("GET /health HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
 }
 
