@@ -1,0 +1,46 @@
+#include "OrinLink/screenstream/DisplayCaptureError.h"
+
+namespace orin::screen {
+
+DisplayCaptureError DisplayCaptureError::permissionDenied(std::string_view detail) {
+  return {Kind::permissionDenied,
+          "Screen Recording permission is required. Allow Orin Link in System Settings > Privacy "
+          "& Security > Screen Recording, then quit and reopen the app. (" +
+              std::string(detail) + ")"};
+}
+
+DisplayCaptureError DisplayCaptureError::displayNotFound() {
+  return {Kind::displayNotFound, "The selected display is no longer connected."};
+}
+
+DisplayCaptureError DisplayCaptureError::noDisplayAvailable() {
+  return {Kind::noDisplayAvailable, "No display available to capture."};
+}
+
+DisplayCaptureError DisplayCaptureError::displayServerUnreachable(std::string_view displayName) {
+  if (displayName.empty()) {
+    return {Kind::displayServerUnreachable,
+            "No X display to capture: DISPLAY is not set. Start Orin Link inside your desktop "
+            "session."};
+  }
+  return {Kind::displayServerUnreachable,
+          "Could not connect to the X display \"" + std::string(displayName) +
+              "\". Start Orin Link inside your desktop session, or set DISPLAY to its display."};
+}
+
+DisplayCaptureError DisplayCaptureError::connectionLost() {
+  return {Kind::connectionLost, "The connection to the X display was lost."};
+}
+
+DisplayCaptureError DisplayCaptureError::unsupportedFormat(int depth) {
+  return {Kind::unsupportedFormat,
+          "The display's pixel format (depth " + std::to_string(depth) + ") cannot be captured."};
+}
+
+DisplayCaptureError DisplayCaptureError::captureFailed(std::string_view origin,
+                                                       std::int32_t status) {
+  return {Kind::captureFailed, "Could not capture the display (" + std::string(origin) + " error " +
+                                   std::to_string(status) + ")."};
+}
+
+}  // namespace orin::screen
