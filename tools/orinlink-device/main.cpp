@@ -4,11 +4,14 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
+#include <fstream>
 #include <functional>
+#include <iomanip>
 #include <iostream>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -16,6 +19,7 @@
 
 #include "DeviceClient.h"
 #include "DeviceState.h"
+#include "ScreenStreamClient.h"
 
 namespace {
 
@@ -34,6 +38,7 @@ Usage:
   orinlink-device ask "Why is the sky blue?"
   orinlink-device stream "Tell me a story" --model llama3.2 --no-think
   orinlink-device status | models | health
+  orinlink-device screen --seconds 10 --output screen.hevc
 
 Pairing stores the token, host and port in the state file, so later commands need no options.
 Exit status: 0 done, 1 other failure or stream error event, 2 usage, 3 not paired,
@@ -87,6 +92,15 @@ class Session {
     client.idleTimeout = std::chrono::milliseconds(
         static_cast<std::chrono::milliseconds::rep>(options_.timeoutSeconds * 1000.0));
     return DeviceClient(std::move(client));
+  }
+
+  std::optional<std::string> token() const {
+    return options_.tokenOption->count() > 0 ? std::optional(options_.token) : state_.token;
+  }
+
+  std::chrono::milliseconds timeout() const {
+    return std::chrono::milliseconds(
+        static_cast<std::chrono::milliseconds::rep>(options_.timeoutSeconds * 1000.0));
   }
 
   // In --json mode the reply body as received; otherwise the readable text.
@@ -303,6 +317,178 @@ Command addHealth(CLI::App& app) {
           }};
 }
 
+void printFigures(const StreamFigures& figures, double seconds, std::string_view label,
+                  bool asJSON) {
+  const double bitsPerSecond =
+      seconds > 0 ? static_cast<double>(figures.bytes) * 8.0 / seconds : 0.0;
+  const double maxDelay = static_cast<double>(figures.delayMaxMicroseconds) / 1000.0;
+  if (asJSON) {
+    json::Ordered line = json::Ordered::object();
+    line["period"] = std::string(label);
+    line["frames"] = figures.frames;
+    line["bitsPerSecond"] = static_cast<std::uint64_t>(bitsPerSecond);
+    line["keyframes"] = figures.keyframes;
+    line["configurations"] = figures.configurations;
+    line["averageDelayMilliseconds"] = figures.averageDelayMilliseconds();
+    line["maxDelayMilliseconds"] = maxDelay;
+    std::cout << json::serialize(line) << std::endl;
+    return;
+  }
+  std::cout << label << ": " << figures.frames << " frames, " << std::fixed << std::setprecision(2)
+            << bitsPerSecond / 1'000'000.0 << " Mbit/s, " << figures.keyframes << " keyframes, "
+            << figures.configurations << " configurations, delay " << std::setprecision(1)
+            << figures.averageDelayMilliseconds() << " ms average, " << maxDelay << " ms at most"
+            << std::endl;
+}
+
+Command addScreen(CLI::App& app) {
+  struct Options {
+    int streamPort = OrinScreenStream::defaultPort;
+    double seconds = 10;
+    std::string output;
+    std::string code;
+    std::string deviceId;
+    std::string name;
+    int shape = 0;
+    bool stall = false;
+    CLI::Option* shapeOption = nullptr;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* sub = app.add_subcommand(
+      "screen",
+      "Receive the host's screen stream for a while, print figures each second and optionally "
+      "keep the video.\nThe figures are frames, bitrate, keyframes, configurations and the "
+      "capture-to-receive delay: the receipt time on CLOCK_MONOTONIC minus the frame's "
+      "presentation time, which the host stamps from its own CLOCK_MONOTONIC, so the delay is "
+      "meaningful only when this client runs on the host itself.");
+  sub->add_option("--stream-port", options->streamPort, "Port of the screen stream")
+      ->check(CLI::Range(1, 65535))
+      ->capture_default_str();
+  sub->add_option("--seconds", options->seconds, "How long to receive")
+      ->check(CLI::Range(0.0, 86400.0))
+      ->capture_default_str();
+  sub->add_option("--output", options->output,
+                  "Write the video to this file as an Annex-B HEVC stream (.hevc)");
+  sub->add_option("--code", options->code,
+                  "Pairing code shown on the host, used when the host asks this device to pair; "
+                  "the token is then kept in the state file");
+  sub->add_option("--device-id", options->deviceId,
+                  "Identifier to pair as (default: the one in the state file, else a new one)");
+  sub->add_option("--name", options->name,
+                  "Name the host shows for this device (default: this computer's host name)");
+  options->shapeOption =
+      sub->add_option("--shape", options->shape,
+                      "Ask for a desktop shape: 0 the host's own screen, 1 ultrawide, 2 super "
+                      "ultrawide")
+          ->check(CLI::Range(0, 2));
+  sub->add_flag("--stall", options->stall,
+                "After the handshake stop reading for --seconds, like a client that falls behind");
+  return {sub, [options](Session& session) {
+            DeviceState& state = session.state();
+            ScreenStreamClient::Options connection;
+            connection.host = session.host();
+            connection.port = static_cast<std::uint16_t>(options->streamPort);
+            connection.connectTimeout = session.timeout();
+            if (options->stall) connection.receiveBufferBytes = 4096;
+            ScreenStreamClient client(connection);
+
+            ScreenStreamClient::Credentials credentials;
+            credentials.token = session.token();
+            if (!options->code.empty()) credentials.pairingCode = options->code;
+            credentials.deviceId = !options->deviceId.empty() ? options->deviceId
+                                   : state.deviceId           ? *state.deviceId
+                                                              : Uuid::random().string();
+            credentials.deviceName = !options->name.empty() ? options->name
+                                     : state.displayName    ? *state.displayName
+                                                            : localHostName();
+            const auto welcome = client.handshake(credentials, session.timeout());
+            if (welcome.issuedToken) {
+              state.deviceId = credentials.deviceId;
+              state.displayName = credentials.deviceName;
+              state.host = session.host();
+              state.token = welcome.issuedToken;
+              saveState(session.statePath(), state);
+              std::cerr << "Paired as " << credentials.deviceName << ".\n";
+            }
+            std::cerr << "Streaming from " << welcome.accepted.name.value_or("the host") << ".\n";
+            if (options->shapeOption->count() > 0) {
+              OrinScreenControlMessage request;
+              request.kind = OrinScreenControlMessage::Kind::setShape;
+              request.shape = options->shape;
+              client.send(request);
+            }
+
+            using Clock = std::chrono::steady_clock;
+            const auto start = Clock::now();
+            const auto end = start + std::chrono::duration_cast<Clock::duration>(
+                                         std::chrono::duration<double>(options->seconds));
+            if (options->stall) {
+              std::this_thread::sleep_until(end);
+              return 0;
+            }
+
+            std::ofstream output;
+            if (!options->output.empty()) {
+              output.open(options->output, std::ios::binary | std::ios::trunc);
+              if (!output) throw Error("Cannot write " + options->output + ".");
+            }
+            const bool asJSON = session.options().json;
+            AnnexBWriter writer;
+            StreamFigures period;
+            StreamFigures total;
+            int second = 1;
+            auto periodEnd = start + std::chrono::seconds(1);
+            bool closed = false;
+            while (!closed && Clock::now() < end) {
+              const auto until = std::min(periodEnd, end);
+              ScreenMessage message;
+              const auto received = client.receive(
+                  message, std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()));
+              if (received == ScreenStreamClient::Received::closed) closed = true;
+              if (received == ScreenStreamClient::Received::message) {
+                if (message.config) {
+                  writer.configure(*message.config);
+                  period.addConfiguration();
+                  total.addConfiguration();
+                } else if (message.frameHeader) {
+                  period.addFrame(message);
+                  total.addFrame(message);
+                  const ByteString bytes = writer.frame(*message.frameHeader, message.frameData());
+                  output.write(reinterpret_cast<const char*>(bytes.data()),
+                               static_cast<std::streamsize>(bytes.size()));
+                } else if (const auto& control = message.control) {
+                  if (control->kind == OrinScreenControlMessage::Kind::error && control->message)
+                    std::cerr << "Orin Link: " << *control->message << '\n';
+                  if (control->kind == OrinScreenControlMessage::Kind::shape && control->shape) {
+                    if (const auto shape = screenShapeFromRawValue(*control->shape))
+                      std::cerr << "Shape: " << label(*shape) << '\n';
+                  }
+                }
+              }
+              const auto now = Clock::now();
+              if (now >= periodEnd || now >= end || closed) {
+                const double length =
+                    std::chrono::duration<double>(std::min(now, periodEnd) -
+                                                  (periodEnd - std::chrono::seconds(1)))
+                        .count();
+                printFigures(period, length, "second " + std::to_string(second), asJSON);
+                period = {};
+                ++second;
+                periodEnd += std::chrono::seconds(1);
+              }
+            }
+            output.flush();
+            if (output.is_open() && !output) throw Error("Cannot write " + options->output + ".");
+            const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+            printFigures(total, elapsed, "total", asJSON);
+            if (closed) {
+              throw DeviceError(DeviceError::Kind::unreachable,
+                                "Orin Link closed the screen stream.");
+            }
+            return 0;
+          }};
+}
+
 int runCommand(const Command& command, const GlobalOptions& options) {
   try {
     Session session(options);
@@ -344,7 +530,8 @@ int main(int argc, char** argv) {
 
   // Each command registers itself here; a new one is one more line.
   const std::vector<Command> commands{addPair(app),   addAsk(app),    addStream(app),
-                                      addStatus(app), addModels(app), addHealth(app)};
+                                      addStatus(app), addModels(app), addHealth(app),
+                                      addScreen(app)};
   for (const Command& command : commands) {
     command.app->footer(
         "The options of orinlink-device --help (--host, --port, --token, --state, --timeout, "
