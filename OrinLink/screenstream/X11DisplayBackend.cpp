@@ -28,6 +28,15 @@ std::uint32_t displayIdForMonitorName(std::string_view name) {
   return hash <= wholeScreenDisplayID ? hash + 2 : hash;
 }
 
+std::uint32_t displayIdForMonitorName(std::string_view name,
+                                      std::span<const std::uint32_t> earlier) {
+  std::uint32_t id = displayIdForMonitorName(name);
+  while (std::find(earlier.begin(), earlier.end(), id) != earlier.end()) {
+    id = id + 1 > wholeScreenDisplayID ? id + 1 : wholeScreenDisplayID + 1;
+  }
+  return id;
+}
+
 std::optional<std::string> edidMonitorName(std::span<const std::uint8_t> edid) {
   constexpr std::size_t descriptors[] = {54, 72, 90, 108};
   if (edid.size() < 128) return std::nullopt;
@@ -184,17 +193,14 @@ std::vector<Monitor> queryMonitors(const Connection& c, bool randr, bool withNam
           xcb_intern_atom_reply(c.get(), xcb_intern_atom(c.get(), 1, 4, "EDID"), nullptr));
       if (atom) edidAtom = atom->atom;
     }
+    std::vector<std::uint32_t> ids;
     for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem > 0;
          xcb_randr_monitor_info_next(&it)) {
       const xcb_randr_monitor_info_t* info = it.data;
       if (info->width == 0 || info->height == 0) continue;
       std::string monitorName = atomName(c, info->name);
-      std::uint32_t id = displayIdForMonitorName(monitorName);
-      // A clash of two names' hashes moves the later one on, in the server's stable order.
-      while (std::any_of(monitors.begin(), monitors.end(),
-                         [&](const Monitor& m) { return m.display.id == id; })) {
-        id = id + 1 > wholeScreenDisplayID ? id + 1 : wholeScreenDisplayID + 1;
-      }
+      std::uint32_t id = displayIdForMonitorName(monitorName, ids);
+      ids.push_back(id);
       Monitor monitor{{id, std::nullopt, info->width, info->height}, info->x, info->y};
       if (withNames) {
         if (xcb_randr_monitor_info_outputs_length(info) > 0) {

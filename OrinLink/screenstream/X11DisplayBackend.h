@@ -37,6 +37,11 @@ inline constexpr std::uint32_t wholeScreenDisplayID = 1;
 // Never 0 (no display) nor wholeScreenDisplayID.
 std::uint32_t displayIdForMonitorName(std::string_view name);
 
+// The id of the monitor with this name when `earlier` holds the ids of the monitors listed
+// before it: a clash of two names' hashes moves the later one on, in the server's stable order.
+std::uint32_t displayIdForMonitorName(std::string_view name,
+                                      std::span<const std::uint32_t> earlier);
+
 // The monitor name of an EDID block (display descriptor 0xFC), without padding.
 std::optional<std::string> edidMonitorName(std::span<const std::uint8_t> edid);
 

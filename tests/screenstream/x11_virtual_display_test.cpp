@@ -1,0 +1,354 @@
+// The virtual display on real X servers started by the tests: Xorg with the dummy driver (real
+// RandR outputs, DUMMY1..15 free) and Xvfb (no virtual output: the monitor fallback).
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <poll.h>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "OrinLink/screenstream/DisplayCaptureEngine.h"
+#include "OrinLink/screenstream/OrinVirtualDisplay.h"
+#include "OrinLink/screenstream/VirtualDisplayLayout.h"
+#include "OrinLink/screenstream/X11DisplayBackend.h"
+#include "OrinLink/screenstream/XcbDisplayConfigurator.h"
+
+namespace orin::screen {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+template <typename Predicate>
+bool eventually(Predicate predicate, std::chrono::milliseconds limit = 10s) {
+  auto deadline = Clock::now() + limit;
+  while (!predicate()) {
+    if (Clock::now() > deadline) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+bool onPath(const std::string& program) {
+  return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// A server from scripts/xserver.sh, stopped with it.
+class XServer {
+ public:
+  static std::unique_ptr<XServer> start(const std::string& options) {
+    std::unique_ptr<FILE, int (*)(FILE*)> script(
+        popen((std::string(XSERVER_SCRIPT) + " start " + options).c_str(), "r"), pclose);
+    if (!script) return nullptr;
+    std::string exports;
+    char buffer[512];
+    while (std::fgets(buffer, sizeof buffer, script.get()))
+      exports += buffer;
+    auto server = std::unique_ptr<XServer>(new XServer);
+    std::istringstream words(exports);
+    for (std::string word; words >> word;) {
+      auto at = word.find('=');
+      if (at == std::string::npos) continue;
+      std::string key = word.substr(0, at);
+      std::string value = word.substr(at + 1);
+      if (key == "DISPLAY") server->display_ = value;
+      if (key == "ORIN_XSERVER_PID") server->pid_ = value;
+      if (key == "ORIN_XSERVER_DIR") server->dir_ = value;
+    }
+    if (server->display_.empty() || server->pid_.empty()) return nullptr;
+    return server;
+  }
+
+  ~XServer() {
+    std::system(
+        ("ORIN_XSERVER_PID=" + pid_ + " ORIN_XSERVER_DIR=" + dir_ + " " + XSERVER_SCRIPT + " stop")
+            .c_str());
+  }
+
+  const std::string& display() const { return display_; }
+
+ private:
+  XServer() = default;
+  std::string display_;
+  std::string pid_;
+  std::string dir_;
+};
+
+// Everything RandR tells about the screen. Connection states are left out: the dummy driver
+// reports every output it ever drove as connected, and nothing can undo that.
+struct Snapshot {
+  ScreenState screen;
+  std::vector<ModeInfo> modes;
+  std::vector<OutputInfo> outputs;
+  std::vector<MonitorInfo> monitors;
+  bool operator==(const Snapshot&) const = default;
+};
+
+Snapshot snapshot(const std::string& display) {
+  XcbDisplayConfigurator c(display);
+  Snapshot s{c.screen(), c.modes(), c.outputs(), c.monitors()};
+  for (auto& output : s.outputs)
+    output.connected = false;
+  return s;
+}
+
+std::ostream& operator<<(std::ostream& out, const Snapshot& s) {
+  out << s.screen.width << "x" << s.screen.height << " (" << s.screen.widthMM << "x"
+      << s.screen.heightMM << " mm), primary " << s.screen.primary << ", " << s.modes.size()
+      << " modes;";
+  for (const auto& c : s.screen.crtcs) {
+    if (c.active()) out << " crtc " << c.crtc << " mode " << c.mode << " at " << c.x << "," << c.y;
+  }
+  for (const auto& m : s.monitors) {
+    out << "; monitor " << m.name << " " << m.width << "x" << m.height << "+" << m.x << "+" << m.y;
+  }
+  return out;
+}
+
+bool active(const Snapshot& s, const std::string& outputName) {
+  for (const auto& o : s.outputs) {
+    if (o.name == outputName) return o.crtc != 0;
+  }
+  return false;
+}
+
+struct Captured {
+  std::vector<CapturableDisplay> displays;
+  int width = 0;
+  int height = 0;
+};
+
+// Lists the displays and grabs a couple of frames of `id` through the capture engine.
+Captured capture(const std::string& display, std::uint32_t id) {
+  std::atomic<int> frames{0};
+  std::atomic<int> width{0};
+  std::atomic<int> height{0};
+  DisplayCaptureEngine engine(std::make_shared<X11DisplayBackend>(display),
+                              [&](const CapturedFrame& frame) {
+                                width = frame.width;
+                                height = frame.height;
+                                ++frames;
+                              },
+                              {});
+  Captured result{engine.availableDisplays(), 0, 0};
+  engine.start(id, 1920, 1080, 30);
+  EXPECT_TRUE(eventually([&] { return frames >= 2; }));
+  engine.stop();
+  result.width = width;
+  result.height = height;
+  return result;
+}
+
+OrinVirtualDisplay::Options optionsFor(const XServer& server) {
+  return {server.display(), WATCHDOG_PATH};
+}
+
+class XorgDummyTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    struct stat info {};
+    if (!onPath("Xorg") || stat("/usr/lib/xorg/modules/drivers/dummy_drv.so", &info) != 0) {
+      GTEST_SKIP() << "Xorg with the dummy driver is not installed";
+    }
+    server = XServer::start("--xorg --size 1920x1080");
+    ASSERT_TRUE(server) << "Xorg did not start";
+    original = snapshot(server->display());
+  }
+
+  std::unique_ptr<XServer> server;
+  Snapshot original;
+};
+
+TEST_F(XorgDummyTest, AVirtualOutputBesideTheDesktopThatTheCaptureSees) {
+  ASSERT_TRUE(OrinVirtualDisplay::isSupported(server->display()));
+  auto display = OrinVirtualDisplay::create("Orin Wide", 5120, 1440, 60, optionsFor(*server));
+  EXPECT_EQ(display->outputName(), "DUMMY1");
+  EXPECT_EQ(display->displayID(), displayIdForMonitorName("Orin Wide"));
+
+  Snapshot now = snapshot(server->display());
+  EXPECT_EQ(now.screen.width, 7040u);
+  EXPECT_EQ(now.screen.height, 1440u);
+  EXPECT_TRUE(active(now, "DUMMY0"));
+  EXPECT_TRUE(active(now, "DUMMY1"));
+  ASSERT_EQ(now.monitors.size(), 2u);
+  EXPECT_EQ(now.monitors[1].name, "Orin Wide");
+  EXPECT_EQ(now.monitors[1].x, 1920);
+  EXPECT_EQ(now.monitors[1].width, 5120u);
+  EXPECT_EQ(now.monitors[1].height, 1440u);
+  EXPECT_EQ(now.monitors[1].widthMM, 1193u);
+
+  Captured seen = capture(server->display(), display->displayID());
+  EXPECT_TRUE(
+      std::count(seen.displays.begin(), seen.displays.end(),
+                 CapturableDisplay{display->displayID(), "DUMMY1 (5120\u00D71440)", 5120, 1440}))
+      << seen.displays.size() << " displays";
+  EXPECT_EQ(seen.width, 5120);
+  EXPECT_EQ(seen.height, 1440);
+
+  display->invalidate();
+  EXPECT_EQ(display->displayID(), 0u);
+  EXPECT_EQ(snapshot(server->display()), original);
+  display->invalidate();
+  display.reset();
+  EXPECT_EQ(snapshot(server->display()), original);
+}
+
+TEST_F(XorgDummyTest, SoleDesktopSwitchesDummy0OffAndBack) {
+  auto display = OrinVirtualDisplay::create("Orin Wide", 3840, 1080, 60, optionsFor(*server));
+  Snapshot separate = snapshot(server->display());
+
+  ASSERT_TRUE(display->adoptAsSoleDesktop());
+  Snapshot sole = snapshot(server->display());
+  EXPECT_FALSE(active(sole, "DUMMY0"));
+  EXPECT_EQ(sole.screen.width, 3840u);
+  EXPECT_EQ(sole.screen.height, 1080u);
+  ASSERT_EQ(sole.monitors.size(), 1u);
+  EXPECT_EQ(sole.monitors[0].name, "Orin Wide");
+  EXPECT_EQ(sole.monitors[0].x, 0);
+  Captured seen = capture(server->display(), display->displayID());
+  EXPECT_EQ(seen.displays.size(), 1u);
+  EXPECT_EQ(seen.width, 3840);
+
+  display->restoreSeparateDesktops();
+  EXPECT_EQ(snapshot(server->display()), separate);
+
+  ASSERT_TRUE(display->adoptAsSoleDesktop());
+  display.reset();
+  EXPECT_EQ(snapshot(server->display()), original);
+}
+
+TEST_F(XorgDummyTest, TheWatchdogRestoresEverythingAfterSigkill) {
+  // Orphans of the killed process (the watchdog) come to this process, so it can wait for them.
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t app = fork();
+  ASSERT_GE(app, 0);
+  if (app == 0) {
+    close(ready[0]);
+    try {
+      auto display = OrinVirtualDisplay::create("Orin Wide", 5120, 1440, 60, optionsFor(*server));
+      if (!display->adoptAsSoleDesktop()) _exit(2);
+      if (write(ready[1], "y", 1) != 1) _exit(3);
+      for (;;)
+        pause();
+    } catch (...) {
+      _exit(4);
+    }
+  }
+  close(ready[1]);
+  pollfd reader{ready[0], POLLIN, 0};
+  ASSERT_EQ(poll(&reader, 1, 20'000), 1);
+  char answer = 0;
+  EXPECT_EQ(read(ready[0], &answer, 1), 1);
+  close(ready[0]);
+  EXPECT_FALSE(active(snapshot(server->display()), "DUMMY0"));
+
+  kill(app, SIGKILL);
+  EXPECT_TRUE(eventually([&] { return snapshot(server->display()) == original; }))
+      << snapshot(server->display());
+  // The app and its watchdog have both ended.
+  EXPECT_TRUE(eventually([] {
+    pid_t reaped;
+    while ((reaped = waitpid(-1, nullptr, WNOHANG)) > 0) {
+    }
+    return reaped < 0 && errno == ECHILD;
+  }));
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+class XvfbTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!onPath("Xvfb")) GTEST_SKIP() << "Xvfb is not installed";
+  }
+};
+
+TEST_F(XvfbTest, ABareMonitorOverTheGrownFramebuffer) {
+  // Xvfb's framebuffer can grow back to the size it started with, so it starts wide and is
+  // made an ordinary 1920×1080 desktop first.
+  auto server = XServer::start("--size 7040x1440");
+  ASSERT_TRUE(server);
+  {
+    XcbDisplayConfigurator c(server->display());
+    ScreenState screen = c.screen();
+    RandRId mode = c.createMode("1920x1080", reducedBlankingTiming(1920, 1080, 60));
+    RandRId output = screen.crtcs.at(0).outputs.at(0);
+    c.addOutputMode(output, mode);
+    screen.crtcs[0].mode = mode;
+    screen.width = 1920;
+    screen.height = 1080;
+    screen.widthMM = 508;
+    screen.heightMM = 286;
+    ASSERT_FALSE(applyScreenState(c, screen));
+  }
+  Snapshot original = snapshot(server->display());
+
+  auto display = OrinVirtualDisplay::create("Orin Wide", 5120, 1440, 60, optionsFor(*server));
+  EXPECT_EQ(display->outputName(), "");
+  Snapshot now = snapshot(server->display());
+  EXPECT_EQ(now.screen.width, 7040u);
+  EXPECT_EQ(now.screen.height, 1440u);
+  Captured seen = capture(server->display(), display->displayID());
+  EXPECT_TRUE(std::count(
+      seen.displays.begin(), seen.displays.end(),
+      CapturableDisplay{display->displayID(), "Orin Wide (5120\u00D71440)", 5120, 1440}));
+  EXPECT_EQ(seen.width, 5120);
+  EXPECT_EQ(seen.height, 1440);
+
+  ASSERT_TRUE(display->adoptAsSoleDesktop());
+  now = snapshot(server->display());
+  EXPECT_EQ(now.screen.width, 5120u);
+  EXPECT_FALSE(active(now, "screen"));
+
+  display.reset();
+  EXPECT_EQ(snapshot(server->display()), original);
+}
+
+TEST_F(XvfbTest, AFramebufferThatCannotGrowIsRefusedWithoutChanges) {
+  auto server = XServer::start("--size 1920x1080");
+  ASSERT_TRUE(server);
+  Snapshot original = snapshot(server->display());
+  try {
+    OrinVirtualDisplay::create("Orin Wide", 3840, 1080, 60, optionsFor(*server));
+    FAIL() << "created";
+  } catch (const VirtualDisplayError& error) {
+    EXPECT_EQ(error.description(),
+              "The X screen cannot grow to 5760\u00D71080 to make room for the virtual display "
+              "(at most 1920\u00D71080).");
+  }
+  EXPECT_EQ(snapshot(server->display()), original);
+}
+
+TEST(X11VirtualDisplayUnreachable, IsUnsupportedAndSaysWhichDisplay) {
+  int number = 4000;
+  struct stat info {};
+  while (stat(("/tmp/.X11-unix/X" + std::to_string(number)).c_str(), &info) == 0 ||
+         stat(("/tmp/.X" + std::to_string(number) + "-lock").c_str(), &info) == 0) {
+    ++number;
+  }
+  std::string name = ":" + std::to_string(number);
+  EXPECT_FALSE(OrinVirtualDisplay::isSupported(name));
+  try {
+    OrinVirtualDisplay::create("Orin Wide", 3840, 1080, 60, {name, WATCHDOG_PATH});
+    FAIL() << "created";
+  } catch (const VirtualDisplayError& error) {
+    EXPECT_EQ(error.kind(), VirtualDisplayError::Kind::displayServerUnreachable);
+    EXPECT_EQ(error.description(),
+              "Could not connect to the X display \"" + name +
+                  "\". Start Orin Link inside your desktop session, or set DISPLAY to its "
+                  "display.");
+  }
+}
+
+}  // namespace
+}  // namespace orin::screen
