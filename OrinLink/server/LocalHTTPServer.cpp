@@ -1,6 +1,9 @@
 #include "OrinLink/server/LocalHTTPServer.h"
 
 #include <array>
+#include <cerrno>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -34,6 +37,8 @@ namespace {
 constexpr std::size_t readChunkBytes = 64 * 1024;
 constexpr auto lingerTime = std::chrono::seconds(1);
 constexpr std::size_t lingerMaxBytes = 4 * 1024 * 1024;
+// Connections accepted per wake-up of the accept loop.
+constexpr int acceptBatch = 64;
 
 }  // namespace
 
@@ -84,6 +89,13 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     std::optional<std::string> tokenHash;
     bool cancelled = false;
 
+    // Ends the connection from inside its own coroutine: nothing of it is waiting to be woken.
+    void close() {
+      cancelled = true;
+      error_code ignored;
+      socket.close(ignored);
+    }
+
     void cancel() {
       if (cancelled) return;
       cancelled = true;
@@ -116,6 +128,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
 
   // Touched on the server executor only.
   tcp::acceptor acceptor;
+  tcp protocol = tcp::v6();
+  // Where requests are received before their connection has a coroutine of its own.
+  std::unique_ptr<char[]> scratch = std::make_unique_for_overwrite<char[]>(readChunkBytes);
   std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connections;
   std::unordered_set<std::string> revokedHashes;
   std::uint64_t nextConnectionId = 0;
@@ -139,6 +154,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
     if (!ec) acceptor.bind(endpoint, ec);
     if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
+    if (!ec) acceptor.non_blocking(true, ec);
     if (ec && !options.bindAddress && address.is_v6()) {
       // No IPv6 on this machine: fall back to IPv4 on every interface.
       options.bindAddress = asio::ip::address_v4::any();
@@ -155,6 +171,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       return;
     }
     port = acceptor.local_endpoint().port();
+    protocol = endpoint.protocol();
     running = true;
     if (options.advertiser != nullptr) {
       registration = options.advertiser->advertise(options.serviceName, std::string(serviceType),
@@ -164,36 +181,125 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     asio::co_spawn(serverExecutor, acceptLoop(shared_from_this()), asio::detached);
   }
 
+  // Accepts in batches with accept4, and answers a request that is already complete on arrival
+  // and needs nothing from the main loop on the bare descriptor: receive, send, close, and the
+  // connection never meets the reactor. Everything else becomes a socket with a coroutine.
   static asio::awaitable<void> acceptLoop(std::shared_ptr<Core> self) {
     asio::steady_timer backoff(self->serverExecutor);
+    bool drained = true;
     while (self->acceptor.is_open()) {
-      auto [ec, socket] = co_await self->acceptor.async_accept(asio::as_tuple(asio::use_awaitable));
-      if (ec == asio::error::operation_aborted || !self->acceptor.is_open()) co_return;
-      if (ec) {
+      // Readiness is reported once per change, so the queue is emptied before waiting again; a
+      // long queue is worked through in batches, letting other connections run in between.
+      if (drained) {
+        auto [waitError] = co_await self->acceptor.async_wait(tcp::acceptor::wait_read,
+                                                              asio::as_tuple(asio::use_awaitable));
+        if (waitError == asio::error::operation_aborted || !self->acceptor.is_open()) co_return;
+      } else {
+        co_await asio::post(self->serverExecutor, asio::use_awaitable);
+      }
+      drained = false;
+      bool exhausted = false;
+      for (int accepted = 0; accepted < acceptBatch && self->acceptor.is_open(); ++accepted) {
+        const int fd = ::accept4(self->acceptor.native_handle(), nullptr, nullptr,
+                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd >= 0) {
+          self->admit(fd);
+          continue;
+        }
+        if (errno == EINTR || errno == ECONNABORTED) continue;
+        drained = true;
+        exhausted = errno != EAGAIN && errno != EWOULDBLOCK;
+        break;
+      }
+      if (exhausted) {
         // Out of descriptors and the like: pause instead of spinning.
         backoff.expires_after(std::chrono::milliseconds(50));
         co_await backoff.async_wait(asio::as_tuple(asio::use_awaitable));
-        continue;
       }
-      self->admit(std::move(socket));
     }
   }
 
-  void admit(tcp::socket socket) {
+  // What was read, and maybe answered, before the connection became a socket.
+  struct Arrival {
+    HTTPRequestReader reader;
+    std::optional<HTTPRequest> request;
+    std::string unsentReply;
+  };
+
+  void admit(int fd) {
+    Arrival arrival;
+    const ssize_t received = ::recv(fd, scratch.get(), readChunkBytes, 0);
+    if (received > 0) {
+      const auto status =
+          arrival.reader.append({scratch.get(), static_cast<std::size_t>(received)});
+      if (status == HTTPRequestReader::Status::complete && !arrival.reader.hasBytesPastBody()) {
+        arrival.request = arrival.reader.take();
+        if (answerOnArrival(fd, arrival)) return;
+      }
+    }
+    tcp::socket socket(serverExecutor);
+    error_code ec;
+    socket.assign(protocol, fd, ec);
+    if (ec) {
+      ::close(fd);
+      return;
+    }
     const std::uint64_t id = nextConnectionId++;
     auto connection = std::make_shared<Connection>(std::move(socket), mainExecutor);
     connections.emplace(id, connection);
-    asio::co_spawn(serverExecutor, serve(shared_from_this(), connection),
-                   asio::bind_cancellation_slot(connection->cancellation.slot(),
-                                                [weak = weak_from_this(), id](std::exception_ptr) {
-                                                  if (auto self = weak.lock())
-                                                    self->connections.erase(id);
-                                                }));
+    // Started from a handler of its own rather than inside the accept loop's coroutine: its
+    // request may be handled, and the connection cancelled, before it first waits.
+    asio::post(serverExecutor,
+               [self = shared_from_this(), connection, id, arrival = std::move(arrival)]() mutable {
+                 asio::co_spawn(self->serverExecutor, serve(self, connection, std::move(arrival)),
+                                asio::bind_cancellation_slot(
+                                    connection->cancellation.slot(),
+                                    [weak = self->weak_from_this(), id](std::exception_ptr) {
+                                      if (auto owner = weak.lock()) owner->connections.erase(id);
+                                    }));
+               });
+  }
+
+  // True when the descriptor is done with: answered or refused, and closed.
+  bool answerOnArrival(int fd, Arrival& arrival) {
+    if (!immediateHandler) return false;
+    if (auto token = arrival.request->bearerToken();
+        token && revokedHashes.contains(tokenHash(*token))) {
+      ::close(fd);
+      return true;
+    }
+    std::optional<std::string> answer = immediateHandler(*arrival.request);
+    if (!answer) return false;
+    const ssize_t sent = ::send(fd, answer->data(), answer->size(), MSG_NOSIGNAL);
+    if (sent >= 0 && static_cast<std::size_t>(sent) < answer->size()) {
+      arrival.request.reset();
+      arrival.unsentReply = answer->substr(static_cast<std::size_t>(sent));
+      return false;
+    }
+    ::close(fd);
+    return true;
   }
 
   static asio::awaitable<void> serve(std::shared_ptr<Core> self,
-                                     std::shared_ptr<Connection> connection) {
-    HTTPRequestReader reader;
+                                     std::shared_ptr<Connection> connection, Arrival arrival) {
+    if (!arrival.unsentReply.empty()) {
+      auto writing = write(connection, std::move(arrival.unsentReply));
+      co_await std::move(writing);
+      closeAfterReply(connection, true);
+      co_return;
+    }
+    if (arrival.request) {
+      auto handling = handle(self, connection, std::move(*arrival.request), true);
+      co_await std::move(handling);
+      co_return;
+    }
+    HTTPRequestReader reader = std::move(arrival.reader);
+    if (reader.status() == HTTPRequestReader::Status::complete) {
+      const bool readToTheEnd = !reader.hasBytesPastBody();
+      auto handling = handle(self, connection, reader.take(), readToTheEnd);
+      co_await std::move(handling);
+      co_return;
+    }
     // Left uninitialised: most requests fill a few hundred bytes of it.
     const auto buffer = std::make_unique_for_overwrite<char[]>(readChunkBytes);
     while (true) {
@@ -239,7 +345,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     if (auto token = request.bearerToken()) {
       std::string hash = tokenHash(*token);
       if (self->revokedHashes.contains(hash)) {
-        connection->cancel();
+        // Not cancel(): a coroutine cancelled while it runs throws from Asio's own frame.
+        connection->close();
         co_return;
       }
       connection->tokenHash = std::move(hash);
