@@ -785,7 +785,7 @@ TextChunkStream AppState::handleGenerateStream(const HTTPRequest& request) {
   });
   asio::co_spawn(
       relay,
-      [weak = weak_from_this(), main = env_.mainExecutor,
+      [weak = weak_from_this(), main = env_.mainExecutor, relay,
        upstream = upstreamClient.stream(std::move(modelRequest)), continuation, entry, start,
        cancel, tally]() mutable -> asio::awaitable<void> {
         std::exception_ptr failure;
@@ -793,12 +793,17 @@ TextChunkStream AppState::handleGenerateStream(const HTTPRequest& request) {
           while (true) {
             std::optional<std::string> token = co_await upstream.next(asio::use_awaitable);
             if (!token) break;
-            if (tally->add(*token)) {
-              asio::post(main, [weak, tally, entry, start] {
-                if (auto self = weak.lock()) self->applyTally(*tally, entry, start);
+            const bool handOff = tally->add(*token);
+            continuation.yield(std::move(*token));
+            if (handOff) {
+              // Queued behind the token's delivery, so waking the main loop comes after the
+              // write to the device.
+              asio::post(relay, [weak, main, tally, entry, start] {
+                asio::post(main, [weak, tally, entry, start] {
+                  if (auto self = weak.lock()) self->applyTally(*tally, entry, start);
+                });
               });
             }
-            continuation.yield(std::move(*token));
           }
         } catch (...) {
           failure = std::current_exception();
