@@ -98,6 +98,10 @@ class AIServiceTest : public testing::Test {
       if (app_) app_->shutdown();
       app_.reset();
     });
+    // The files it was still writing land before the next start writes its own settings.
+    std::promise<void> written;
+    asio::post(backgroundLoop_.executor(), [&written] { written.set_value(); });
+    written.get_future().wait();
     std::lock_guard lock(eventsMutex_);
     events_.clear();
   }

@@ -156,7 +156,8 @@ TEST_F(AIServiceTest, StreamsEndCleanlyWhenTheirConnectionOrDaemonGoes) {
       received.append(chunk, socket.read_some(asio::buffer(chunk), ec));
     }
     ASSERT_TRUE(
-        waitUntil([](const AppState& app) { return app.properties().activeGenerations == 1; }));
+        waitUntil([](const AppState& app) { return app.properties().activeGenerations == 1; }))
+        << received;
 
     switch (ending) {
       case Ending::devicePairedAgain:
