@@ -91,6 +91,7 @@ int main(int argc, char** argv) {
   bool noAdvertise = false;
   std::optional<std::uint16_t> serverPort;
   std::optional<std::uint16_t> controlPortOption;
+  std::optional<std::uint16_t> streamPort;
   cli.add_option("--config-dir", configDirectory, "Where settings and the control secret live")
       ->capture_default_str();
   cli.add_option("--data-dir", dataDirectory, "Where the paired devices are kept")
@@ -100,6 +101,8 @@ int main(int argc, char** argv) {
                  "Serve the AI service on this port for this run (0: any free port)");
   cli.add_option("--control-port", controlPortOption,
                  "Serve the control API on this loopback port (0: any free port)");
+  cli.add_option("--stream-port", streamPort,
+                 "Serve the screen stream on this port for this run (0: any free port)");
 
   bool codeOnly = false;
   auto* pair = cli.add_subcommand("pair", "Show the pairing code of the running Orin Link");
@@ -113,7 +116,7 @@ int main(int argc, char** argv) {
 
   if (cli.get_subcommands().empty()) {
     return orin::runApplication(
-        {configDirectory, dataDirectory, !noAdvertise, serverPort, controlPortOption});
+        {configDirectory, dataDirectory, !noAdvertise, serverPort, controlPortOption, streamPort});
   }
   try {
     const ControlClient client = connect(configDirectory, controlPortOption);

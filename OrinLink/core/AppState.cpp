@@ -82,7 +82,32 @@ std::string defaultModelForMemory(std::uint64_t physicalMemoryGB) {
 }
 
 std::shared_ptr<AppState> AppState::make(Environment environment) {
-  return std::shared_ptr<AppState>(new AppState(std::move(environment)));
+  auto state = std::shared_ptr<AppState>(new AppState(std::move(environment)));
+  state->createScreenStream();
+  return state;
+}
+
+void AppState::createScreenStream() {
+  if (!env_.streamPlatform) return;
+  screen::ScreenStreamService::Environment stream;
+  stream.mainExecutor = env_.mainExecutor;
+  stream.serverExecutor = env_.streamServerExecutor;
+  stream.platformExecutor = env_.streamPlatformExecutor;
+  stream.settings = &settings_;
+  stream.registry = &registry_;
+  stream.httpPort = [weak = weak_from_this()]() -> std::uint16_t {
+    auto self = weak.lock();
+    return self ? self->p_.serverPort : defaultServerPort;
+  };
+  stream.system = env_.system;
+  stream.advertiser = env_.advertiser;
+  stream.platform = *env_.streamPlatform;
+  stream.bindAddress = env_.bindAddress;
+  stream.portOverride = env_.streamPortOverride;
+  screenStream_ = screen::ScreenStreamService::make(std::move(stream));
+  screenStream_->observe([weak = weak_from_this()](std::string_view property) {
+    if (auto self = weak.lock()) self->changed("screenStream." + std::string(property));
+  });
 }
 
 AppState::AppState(Environment environment)
@@ -166,7 +191,9 @@ void AppState::launch() {
   };
   registry_.onRevoked = [weak](const std::string& hash) {
     auto self = weak.lock();
-    if (self && self->server_) self->server_->revoke(hash);
+    if (!self) return;
+    if (self->screenStream_) self->screenStream_->revoke(hash);
+    if (self->server_) self->server_->revoke(hash);
   };
   registry_.onPaired = [weak](const std::string& name) {
     auto self = weak.lock();
@@ -175,6 +202,7 @@ void AppState::launch() {
     self->set(&Properties::lastPairedAt, self->env_.clock(), "lastPairedAt");
     self->set(&Properties::lastEvent, "Paired " + name + ".", "lastEvent");
   };
+  if (screenStream_) screenStream_->resumeIfEnabled();
   startServer();
   refreshEndpointCandidates();
   startSetupTimer();
@@ -187,6 +215,7 @@ void AppState::launch() {
 }
 
 void AppState::shutdown() {
+  if (screenStream_) screenStream_->shutdown();
   if (setupTimer_) setupTimer_->cancel();
   if (pullCancel_) pullCancel_->emit(asio::cancellation_type::terminal);
   if (watchCancel_) watchCancel_->emit(asio::cancellation_type::terminal);

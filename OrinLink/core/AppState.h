@@ -23,6 +23,7 @@
 #include "OrinLink/core/SystemActions.h"
 #include "OrinLink/pairing/DeviceRegistry.h"
 #include "OrinLink/runtime/OllamaRuntime.h"
+#include "OrinLink/screenstream/ScreenStreamService.h"
 #include "OrinLink/server/LocalHTTPServer.h"
 #include "OrinLinkShared/AIRecords.h"
 
@@ -75,6 +76,13 @@ class AppState : public std::enable_shared_from_this<AppState> {
     std::optional<boost::asio::ip::address> bindAddress;
     std::optional<std::uint16_t> serverPortOverride;
     std::string serviceName = std::string(LocalHTTPServer::defaultServiceName);
+    // Screen streaming. Without a platform (tests of the AI service alone) there is no stream
+    // service.
+    std::optional<screen::StreamPlatform> streamPlatform;
+    boost::asio::any_io_executor streamServerExecutor;
+    // Where capture, encoders and the virtual display are set up and taken down.
+    boost::asio::any_io_executor streamPlatformExecutor;
+    std::optional<std::uint16_t> streamPortOverride;
   };
 
   // Reads the settings; throws StartupError for a stored port outside 0-65535.
@@ -126,6 +134,9 @@ class AppState : public std::enable_shared_from_this<AppState> {
                                              const std::string& deviceName);
   void appendConversationToken(const std::string& text, const Uuid& id);
   void completeConversationEntry(const Uuid& id);
+
+  // Null when the environment has no stream platform.
+  const std::shared_ptr<screen::ScreenStreamService>& screenStream() const { return screenStream_; }
 
   DeviceRegistry& registry() { return registry_; }
   const DeviceRegistry& registry() const { return registry_; }
@@ -187,6 +198,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   TextChunkStream handleGenerateStream(const HTTPRequest& request);
   OrinLinkStatusPayload statusPayload() const;
   std::string beginGeneration(const HTTPRequest& request);
+  void createScreenStream();
   HTTPResponse healthResponse() const;
   void publishHealth();
 
@@ -234,6 +246,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   std::map<std::uint64_t, Observer> observers_;
   std::uint64_t nextSubscription_ = 0;
   std::unique_ptr<LocalHTTPServer> server_;
+  std::shared_ptr<screen::ScreenStreamService> screenStream_;
   std::optional<boost::asio::steady_timer> setupTimer_;
   std::shared_ptr<boost::asio::cancellation_signal> pullCancel_;
   std::shared_ptr<boost::asio::cancellation_signal> watchCancel_;

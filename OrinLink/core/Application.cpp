@@ -29,7 +29,7 @@ std::uint16_t controlPort(const std::filesystem::path& configDirectory) {
 namespace {
 
 int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecutor& httpLoop,
-            SerialExecutor& workLoop) {
+            SerialExecutor& workLoop, SerialExecutor& streamLoop, SerialExecutor& platformLoop) {
   PosixSystemActions system;
 
   std::optional<AvahiAdvertiser> advertiser;
@@ -62,6 +62,10 @@ int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecut
   environment.serviceName =
       system.computerName().value_or(std::string(LocalHTTPServer::defaultServiceName));
   environment.serverPortOverride = options.serverPort;
+  environment.streamPlatform = screen::makeDefaultStreamPlatform();
+  environment.streamServerExecutor = streamLoop.executor();
+  environment.streamPlatformExecutor = platformLoop.executor();
+  environment.streamPortOverride = options.streamPort;
 
   std::shared_ptr<AppState> app;
   try {
@@ -114,10 +118,14 @@ int runApplication(const ApplicationOptions& options) {
   EventLoop mainLoop;
   SerialExecutor httpLoop("orinlink.http");
   SerialExecutor workLoop("orinlink.work");
-  const int status = runWith(options, mainLoop, httpLoop, workLoop);
-  // The files still being written are finished, not dropped.
+  SerialExecutor streamLoop("orinlink.stream");
+  // Setting up capture or a virtual display can block; the Tailscale lookup need not wait.
+  SerialExecutor platformLoop("orinlink.display");
+  const int status = runWith(options, mainLoop, httpLoop, workLoop, streamLoop, platformLoop);
+  // The files still being written are finished, and the user's screens put back, not dropped.
   workLoop.finish();
-  shutDownLoops({&mainLoop}, {&httpLoop, &workLoop});
+  platformLoop.finish();
+  shutDownLoops({&mainLoop}, {&httpLoop, &workLoop, &streamLoop, &platformLoop});
   return status;
 }
 

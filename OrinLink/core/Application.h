@@ -13,6 +13,8 @@ struct ApplicationOptions {
   // For this run only, instead of the settings; 0 lets the system choose.
   std::optional<std::uint16_t> serverPort;
   std::optional<std::uint16_t> controlPort;
+  // The screen stream's port instead of the stored one; 0 lets the system choose.
+  std::optional<std::uint16_t> streamPort;
 };
 
 // Runs Orin Link until SIGINT or SIGTERM; returns the exit status.

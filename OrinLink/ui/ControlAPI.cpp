@@ -230,6 +230,34 @@ HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPReq
     app->cancelPull();
   } else if (path == "/api/runtime/warm") {
     app->warmActiveModel(true);
+  } else if (path.starts_with("/api/screen-stream/")) {
+    const auto& stream = app->screenStream();
+    if (!stream) {
+      return HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                 "Screen streaming is not available in this run.");
+    }
+    if (path == "/api/screen-stream/enable") {
+      stream->setEnabled(args.required<bool>("on"));
+    } else if (path == "/api/screen-stream/refresh-displays") {
+      stream->refreshDisplays();
+    } else if (path == "/api/screen-stream/settings") {
+      screen::StreamSettings next = stream->settings();
+      if (auto id = args.optional<std::uint32_t>("selectedDisplayID")) next.selectedDisplayID = *id;
+      if (auto height = args.optional<std::int64_t>("resolutionHeight")) {
+        next.resolutionPreset = screen::resolutionPresetForHeight(*height);
+      }
+      if (auto preset = args.optional<std::int64_t>("virtualDisplayPreset")) {
+        next.virtualDisplayPreset = screen::virtualPresetForSettingsValue(*preset);
+      }
+      if (auto replaces = args.optional<bool>("virtualDisplayReplacesDesktop")) {
+        next.virtualDisplayReplacesDesktop = *replaces;
+      }
+      if (auto fps = args.optional<int>("framesPerSecond")) next.framesPerSecond = *fps;
+      if (auto port = args.optional<std::uint16_t>("streamPort")) next.streamPort = *port;
+      stream->applySettings(next);
+    } else {
+      return HTTPResponse::error(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
+    }
   } else {
     return HTTPResponse::error(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
   }
@@ -267,6 +295,39 @@ TextChunkStream ControlAPI::changeStream() {
   continuation.yield(Ordered({{"changed", Ordered::array()}}).dump());
   return stream;
 }
+
+namespace {
+
+Ordered screenStreamSnapshot(const screen::ScreenStreamService* service) {
+  if (service == nullptr) return nullptr;
+  const auto& s = service->properties();
+  Ordered displays = Ordered::array();
+  for (const auto& display : s.availableDisplays) {
+    displays.push_back({{"id", display.id},
+                        {"name", display.name},
+                        {"pointWidth", display.pointWidth},
+                        {"pointHeight", display.pointHeight}});
+  }
+  return {{"enabled", s.isEnabled},
+          {"capturing", s.isCapturing},
+          {"status", s.statusText},
+          {"summary", service->streamSummary()},
+          {"port", service->activePort() ? Ordered(*service->activePort()) : Ordered(nullptr)},
+          {"clients", s.connectedClients},
+          {"portalEnabled", s.isPortalEnabled},
+          {"lastRejection", optionalText(s.lastRejection)},
+          {"error", optionalText(s.streamError)},
+          {"displays", displays},
+          {"settings",
+           {{"selectedDisplayID", s.selectedDisplayID},
+            {"resolutionHeight", screen::presetHeight(s.resolutionPreset)},
+            {"virtualDisplayPreset", screen::settingsValue(s.virtualDisplayPreset)},
+            {"virtualDisplayReplacesDesktop", s.virtualDisplayReplacesDesktop},
+            {"framesPerSecond", s.framesPerSecond},
+            {"streamPort", s.streamPort}}}};
+}
+
+}  // namespace
 
 Ordered ControlAPI::snapshot(const AppState& app) {
   const auto& p = app.properties();
@@ -346,6 +407,7 @@ Ordered ControlAPI::snapshot(const AppState& app) {
       {"lastPairedDeviceName", optionalText(p.lastPairedDeviceName)},
       {"lastPairedAt", optionalDate(p.lastPairedAt)},
       {"availabilityError", optionalText(p.availabilityError)},
+      {"screenStream", screenStreamSnapshot(app.screenStream().get())},
       {"lastEvent", p.lastEvent},
   };
 }
