@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Measures the screen pipeline (capture, HEVC encoder, stream server, a decoding client on
+# 127.0.0.1) against ffmpeg's x11grab + libx265 on the same X display, and the encoder alone, at
+# 1920x1080 and 2560x1440. Each size gets an X server of its own with the time-stamped test
+# pattern (scripts/xserver.sh). Builds the release preset's targets first, prints the figures and
+# their goals, and writes build/release/screen-bench-results.json (one file per size beside it).
+#
+#   scripts/bench-screen.sh                 # 60 s per phase, about 8 minutes
+#   scripts/bench-screen.sh --quick         # 10 s per phase, about 2 minutes
+#   scripts/bench-screen.sh --phases orinlink ffmpeg   # extra arguments go to orin_screen_bench
+#
+# BENCH_SIZES overrides the sizes ("1920x1080 2560x1440"). The figures suffer when other work
+# shares the cores, so it first waits (at most BENCH_WAIT_SECONDS, default 600) for the one-minute
+# load average to drop below BENCH_MAX_LOAD (default 1.5), then measures anyway; the load is
+# recorded with the results.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+
+cmake --preset release >/dev/null
+cmake --build --preset release -j "${BENCH_BUILD_JOBS:-2}" \
+  --target orin_screen_bench orin-test-pattern
+
+bench=build/release/bench/screen/orin_screen_bench
+# Named explicitly: xserver.sh would otherwise take the first build it finds, sanitised or not.
+export ORIN_TEST_PATTERN=build/release/tools/test-pattern/orin-test-pattern
+
+max_load=${BENCH_MAX_LOAD:-1.5}
+wait_seconds=${BENCH_WAIT_SECONDS:-600}
+waited=0
+while awk -v limit="$max_load" '{ exit !($1 > limit) }' /proc/loadavg &&
+  [ "$waited" -lt "$wait_seconds" ]; do
+  if [ "$waited" -eq 0 ]; then
+    echo "Load average $(cut -d' ' -f1-3 /proc/loadavg) is above $max_load;" \
+      "waiting up to ${wait_seconds}s for a quieter moment…"
+  fi
+  sleep 15
+  waited=$((waited + 15))
+done
+echo "Before: $(uptime)"
+
+# The pattern runs a little faster than the capture, so that over a run the grab meets the
+# pattern's drawing at every phase; at exactly 60 fps the phase between the two stays put, and
+# each run would add its own constant share of a frame interval to the delay.
+pattern_fps=${BENCH_PATTERN_FPS:-61}
+
+results=()
+for size in ${BENCH_SIZES:-1920x1080 2560x1440}; do
+  out="build/release/screen-bench-$size.json"
+  rm -f "$out"
+  # xserver.sh stops the server and the pattern when the benchmark ends, however it ends.
+  scripts/xserver.sh run --size "$size" --pattern "$pattern_fps" -- \
+    "$bench" --size "$size" --pattern-fps "$pattern_fps" --out "$out" "$@"
+  results+=("$out")
+done
+echo "After: $(uptime)"
+
+echo
+"$bench" --summarize "${results[@]}" --out build/release/screen-bench-results.json
+echo "Results: build/release/screen-bench-results.json"
