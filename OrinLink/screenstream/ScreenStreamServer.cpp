@@ -4,6 +4,8 @@
 #include <array>
 #include <deque>
 #include <map>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <unordered_set>
 #include <utility>
 
@@ -36,6 +38,7 @@ constexpr std::size_t maxPendingControlBytes = 1024 * 1024;
 // After a refusal the client has this long to read it before the socket closes.
 constexpr auto lingerTime = std::chrono::seconds(1);
 constexpr auto acceptBackoff = std::chrono::milliseconds(50);
+constexpr int maxUnsentBytes = 128 * 1024;
 
 constexpr std::string_view unknownDeviceName = "Unknown device";
 constexpr std::string_view pairingDeviceName = "Vision Pro";
@@ -239,6 +242,11 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     // Frames are written as they come; none may wait for the previous one's acknowledgement.
     error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
+    // A send completes once the kernel has taken the bytes, and its send buffer grows to
+    // megabytes: seconds of video that the in-flight limit would never see. Holding unsent bytes
+    // low makes a send complete only as the client reads.
+    ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &maxUnsentBytes,
+                 sizeof maxUnsentBytes);
     auto session = std::make_shared<Session>(std::move(socket), nextSessionId++);
     sessions.emplace(session->id, session);
     session->timer.expires_after(options.helloTimeout);

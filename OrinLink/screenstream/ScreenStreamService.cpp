@@ -576,7 +576,9 @@ void ScreenStreamService::applyShape(VirtualDisplayPreset requested, bool suppor
   } else if (requested != p_.virtualDisplayPreset) {
     set(&Properties::virtualDisplayPreset, requested, "virtualDisplayPreset");
     saveStreamSettings();
-    restartCapture(true);
+    // The old shape's display goes first: as sole desktop it hides the real displays from the
+    // listing that the new capture starts with.
+    restartCapture(false);
     refreshStatus();
   }
   if (server_) server_->broadcastShape(screenShape(p_.virtualDisplayPreset));
