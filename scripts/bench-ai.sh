@@ -35,19 +35,7 @@ nginx=$(command -v nginx || echo /usr/sbin/nginx)
 cmake --preset release
 cmake --build --preset release
 
-max_load=${BENCH_MAX_LOAD:-1.5}
-wait_seconds=${BENCH_WAIT_SECONDS:-600}
-waited=0
-while awk -v limit="$max_load" '{ exit !($1 > limit) }' /proc/loadavg &&
-  [ "$waited" -lt "$wait_seconds" ]; do
-  if [ "$waited" -eq 0 ]; then
-    echo "Load average $(cut -d' ' -f1-3 /proc/loadavg) is above $max_load;" \
-      "waiting up to ${wait_seconds}s for a quieter moment…"
-  fi
-  sleep 15
-  waited=$((waited + 15))
-done
-echo "Before: $(uptime)"
+source scripts/wait-for-quiet.sh
 
 out=build/release/ai-bench-results.json
 faults=build/release/ai-faults-results.json

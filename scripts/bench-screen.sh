@@ -26,19 +26,7 @@ bench=build/release/bench/screen/orin_screen_bench
 # Named explicitly: xserver.sh would otherwise take the first build it finds, sanitised or not.
 export ORIN_TEST_PATTERN=build/release/tools/test-pattern/orin-test-pattern
 
-max_load=${BENCH_MAX_LOAD:-1.5}
-wait_seconds=${BENCH_WAIT_SECONDS:-600}
-waited=0
-while awk -v limit="$max_load" '{ exit !($1 > limit) }' /proc/loadavg &&
-  [ "$waited" -lt "$wait_seconds" ]; do
-  if [ "$waited" -eq 0 ]; then
-    echo "Load average $(cut -d' ' -f1-3 /proc/loadavg) is above $max_load;" \
-      "waiting up to ${wait_seconds}s for a quieter moment…"
-  fi
-  sleep 15
-  waited=$((waited + 15))
-done
-echo "Before: $(uptime)"
+source scripts/wait-for-quiet.sh
 
 # The pattern runs a little faster than the capture, so that over a run the grab meets the
 # pattern's drawing at every phase; at exactly 60 fps the phase between the two stays put, and
