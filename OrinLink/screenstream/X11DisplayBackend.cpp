@@ -16,6 +16,7 @@
 
 #include "OrinLink/screenstream/DisplayCaptureError.h"
 #include "OrinLink/screenstream/FramePool.h"
+#include "OrinLink/screenstream/XcbSupport.h"
 
 namespace orin::screen {
 
@@ -79,18 +80,6 @@ void blendCursor(std::uint8_t* bgra, int width, int height, int bytesPerRow,
 }
 
 namespace {
-
-struct FreeReply {
-  void operator()(void* p) const { std::free(p); }
-};
-template <typename T>
-using Reply = std::unique_ptr<T, FreeReply>;
-
-std::string effectiveDisplayName(const std::string& given) {
-  if (!given.empty()) return given;
-  const char* fromEnvironment = std::getenv("DISPLAY");
-  return fromEnvironment ? fromEnvironment : "";
-}
 
 DisplayCaptureError xError(const xcb_generic_error_t* error) {
   return DisplayCaptureError::captureFailed("X11", error ? error->error_code : 0);

@@ -5,6 +5,7 @@
 #include <xcb/xcbext.h>
 
 #include "OrinLink/screenstream/VirtualDisplayError.h"
+#include "OrinLink/screenstream/XcbSupport.h"
 
 namespace orin::screen {
 
@@ -33,21 +34,7 @@ xcb_void_cookie_t sendSetMonitor(xcb_connection_t* connection, xcb_window_t root
   return {xcb_send_request(connection, XCB_REQUEST_CHECKED, parts + 2, &protocol)};
 }
 
-namespace {
-
-struct FreeReply {
-  void operator()(void* p) const { std::free(p); }
-};
-template <typename T>
-using Reply = std::unique_ptr<T, FreeReply>;
-
-std::string effectiveDisplayName(const std::string& given) {
-  if (!given.empty()) return given;
-  const char* fromEnvironment = std::getenv("DISPLAY");
-  return fromEnvironment ? fromEnvironment : "";
-}
-
-}  // namespace
+namespace {}  // namespace
 
 struct XcbDisplayConfigurator::State {
   xcb_connection_t* c = nullptr;
