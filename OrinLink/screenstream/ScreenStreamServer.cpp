@@ -101,6 +101,7 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     std::string displayName{unknownDeviceName};
     int pendingVideoSends = 0;
     bool waitingForKeyframe = true;
+    std::optional<std::chrono::steady_clock::time_point> lastKeyframeRequest;
     bool receivedHello = false;
     // Gone from the server: nothing more is handled or queued.
     bool didClose = false;
@@ -442,6 +443,7 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
 
   void sessionAuthenticated(const SessionPtr& session) {
     if (lastConfigFrame) queueSend(session, Outgoing{{}, 0, lastConfigFrame, false});
+    session->lastKeyframeRequest = std::chrono::steady_clock::now();
     notifyNeedsKeyframe();
     notifyClientsChanged();
     asio::co_spawn(serverExecutor, tellCurrentShape(shared_from_this(), session), asio::detached);
@@ -488,35 +490,33 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
   void broadcast(const PreparedFrame& frame) {
     if (frame.configFrame) lastConfigFrame = frame.configFrame;
     bool keyframeWanted = false;
+    const auto now = std::chrono::steady_clock::now();
     for (const auto& session : streamingSessions()) {
       if (frame.configFrame) queueSend(session, Outgoing{{}, 0, frame.configFrame, false});
       if (session->didClose) continue;
       const bool roomInFlight = session->pendingVideoSends < maxPendingVideoSends;
-      bool send = false;
-      if (!session->waitingForKeyframe) {
-        send = roomInFlight;
-        if (!roomInFlight) {
-          // Behind: skip ahead to the next key frame instead of queueing.
-          session->waitingForKeyframe = true;
-          keyframeWanted = true;
-        }
-      } else if (frame.isKeyframe) {
-        send = roomInFlight;
-        if (roomInFlight) {
-          session->waitingForKeyframe = false;
-        } else {
-          keyframeWanted = true;
-        }
-      }
-      if (!send) {
+      // Behind: skip ahead to the next keyframe instead of queueing.
+      if (!roomInFlight) session->waitingForKeyframe = true;
+      const bool send = roomInFlight && (!session->waitingForKeyframe || frame.isKeyframe);
+      if (send) {
+        session->waitingForKeyframe = false;
+        ++session->pendingVideoSends;
+        ++session->videoFramesQueued;
+        session->peakPendingVideoSends =
+            std::max(session->peakPendingVideoSends, session->pendingVideoSends);
+        queueSend(session, Outgoing{frame.prefix, frame.prefix.size(), frame.data, true});
+      } else {
         ++session->videoFramesDropped;
-        continue;
       }
-      ++session->pendingVideoSends;
-      ++session->videoFramesQueued;
-      session->peakPendingVideoSends =
-          std::max(session->peakPendingVideoSends, session->pendingVideoSends);
-      queueSend(session, Outgoing{frame.prefix, frame.prefix.size(), frame.data, true});
+      // Asked only once the client has room again, so a stalled client never turns every frame
+      // into a keyframe for everyone.
+      const bool hasRoom = session->pendingVideoSends < maxPendingVideoSends;
+      if (session->waitingForKeyframe && hasRoom &&
+          (!session->lastKeyframeRequest ||
+           now - *session->lastKeyframeRequest >= options.keyframeRecoverySpacing)) {
+        session->lastKeyframeRequest = now;
+        keyframeWanted = true;
+      }
     }
     if (keyframeWanted) notifyNeedsKeyframe();
   }

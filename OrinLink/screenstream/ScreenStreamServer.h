@@ -75,6 +75,9 @@ class ScreenStreamServer {
     std::optional<boost::asio::ip::address> bindAddress;
     ServiceAdvertiser* advertiser = nullptr;
     std::chrono::steady_clock::duration helloTimeout = std::chrono::seconds(10);
+    // A client that keeps falling behind asks for a fresh keyframe this often at most: each one
+    // costs every client bandwidth and the encoder time.
+    std::chrono::steady_clock::duration keyframeRecoverySpacing = std::chrono::milliseconds(500);
   };
 
   // Figures of one session, for diagnostics and tests.
