@@ -16,11 +16,12 @@ bool KeyframePolicy::forceFrame(std::uint64_t time) {
     previousFrame_ = time;
     return force;
   }
-  // The next frame is expected one gap later (the nominal one at least): if that would be too
-  // late for a keyframe, this frame is the last that keeps the bound.
+  // The next frame is expected one gap later (the nominal one at least), give or take half a gap
+  // of capture jitter: if that could be too late for a keyframe, this frame is the last that
+  // keeps the bound.
   const std::uint64_t gap = std::max(time - *previousFrame_, nominalGap_);
   previousFrame_ = time;
-  if (time - *lastKeyframe_ + gap > maxInterval_) force = true;
+  if (time - *lastKeyframe_ + gap + gap / 2 > maxInterval_) force = true;
   if (force) lastKeyframe_ = time;
   return force;
 }
