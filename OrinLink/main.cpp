@@ -62,6 +62,12 @@ void printStatus(const ControlClient& client) {
                 endpoint["host"].get<std::string>().c_str(), endpoint["port"].dump().c_str());
   }
   std::printf("Last event   %s\n", state["lastEvent"].get<std::string>().c_str());
+  if (const auto issue = state.value("setupIssue", nlohmann::json()); issue.is_object()) {
+    std::printf("Next step    %s\n", issue["title"].get<std::string>().c_str());
+    if (issue["copyCommand"].is_string()) {
+      std::printf("             or run: %s\n", issue["copyCommand"].get<std::string>().c_str());
+    }
+  }
 }
 
 void printDevices(const ControlClient& client) {
@@ -89,6 +95,7 @@ int main(int argc, char** argv) {
   std::string configDirectory = orin::defaultConfigDirectory().string();
   std::string dataDirectory = orin::defaultDataDirectory().string();
   bool noAdvertise = false;
+  bool noOpen = false;
   std::optional<std::uint16_t> serverPort;
   std::optional<std::uint16_t> controlPortOption;
   std::optional<std::uint16_t> streamPort;
@@ -97,6 +104,8 @@ int main(int argc, char** argv) {
   cli.add_option("--data-dir", dataDirectory, "Where the paired devices are kept")
       ->capture_default_str();
   cli.add_flag("--no-advertise", noAdvertise, "Do not announce the service on the local network");
+  cli.add_flag("--no-open", noOpen,
+               "Do not open the control panel at start (starting again opens it)");
   cli.add_option("--port", serverPort,
                  "Serve the AI service on this port for this run (0: any free port)");
   cli.add_option("--control-port", controlPortOption,
@@ -108,6 +117,8 @@ int main(int argc, char** argv) {
   auto* pair = cli.add_subcommand("pair", "Show the pairing code of the running Orin Link");
   pair->add_flag("--code-only", codeOnly, "Print just the code, for scripts");
   auto* status = cli.add_subcommand("status", "Show what the running Orin Link is doing");
+  auto* diagnostics =
+      cli.add_subcommand("diagnostics", "Print the running Orin Link's report for getting help");
   std::string removeId;
   auto* devices = cli.add_subcommand("devices", "List the paired devices");
   devices->add_option("--remove", removeId,
@@ -115,13 +126,16 @@ int main(int argc, char** argv) {
   CLI11_PARSE(cli, argc, argv);
 
   if (cli.get_subcommands().empty()) {
-    return orin::runApplication(
-        {configDirectory, dataDirectory, !noAdvertise, serverPort, controlPortOption, streamPort});
+    return orin::runApplication({configDirectory, dataDirectory, !noAdvertise, serverPort,
+                                 controlPortOption, streamPort, !noOpen});
   }
   try {
     const ControlClient client = connect(configDirectory, controlPortOption);
     if (pair->parsed()) printPairing(client, codeOnly);
     if (status->parsed()) printStatus(client);
+    if (diagnostics->parsed()) {
+      std::printf("%s\n", client.get("/api/state")["diagnosticSummary"].get<std::string>().c_str());
+    }
     if (devices->parsed()) {
       if (!removeId.empty()) {
         client.post("/api/devices/remove", {{"id", removeId}});

@@ -11,6 +11,10 @@ packages=(
   # libraries
   nlohmann-json3-dev libboost1.81-dev libboost-url1.81-dev libssl-dev libcli11-dev
   libqrencode-dev libavahi-client-dev
+  # desktop integration: logind, notifications and portals over sd-bus; the pairing sound
+  libsystemd-dev libcanberra-dev sound-theme-freedesktop
+  # packaging: the .deb's dependencies, the desktop entry's check, the icon's bitmaps
+  dpkg-dev desktop-file-utils librsvg2-bin man-db
   # screen capture and HEVC encoding
   libxcb1-dev libxcb-shm0-dev libxcb-randr0-dev libxcb-xfixes0-dev
   libavcodec-dev libswscale-dev libavutil-dev
@@ -20,7 +24,13 @@ packages=(
   xvfb xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils ffmpeg
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
+  # the control panel's heading face (compiled in), and the browser its test drives
+  fonts-jura chromium
 )
+# Node runs the panel's browser test; a Node from elsewhere brings its own npm and refuses Debian's.
+if ! command -v npm >/dev/null 2>&1; then
+  packages+=(nodejs npm)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -29,16 +39,22 @@ for p in "${packages[@]}"; do
   fi
 done
 
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
+if [ ${#missing[@]} -gt 0 ]; then
+  sudo=""
+  if [ "$(id -u)" -ne 0 ]; then
+    sudo="sudo"
+  fi
+
+  echo "Installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -q
+  $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
-sudo=""
-if [ "$(id -u)" -ne 0 ]; then
-  sudo="sudo"
+# The browser test's npm packages, exactly as locked, where tests/panel/CMakeLists.txt looks;
+# skipped while the lock is unchanged, so the build itself never needs the network.
+panel_tests="$(cd "$(dirname "$0")/.." && pwd)/tests/panel"
+if ! cmp -s "$panel_tests/package-lock.json" "$panel_tests/node_modules/.orinlink-installed-lock"; then
+  npm ci --prefix "$panel_tests" --no-audit --no-fund
+  cp "$panel_tests/package-lock.json" "$panel_tests/node_modules/.orinlink-installed-lock"
 fi
-
-echo "Installing: ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -q
-$sudo apt-get install -y -q --no-install-recommends "${missing[@]}"

@@ -13,6 +13,7 @@
 
 #include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/core/Diagnostics.h"
 #include "OrinLink/server/EndpointDiscovery.h"
 #include "OrinLinkShared/Text.h"
 #include "OrinLinkShared/ToolCallParser.h"
@@ -75,16 +76,27 @@ bool wasCancelled(asio::cancellation_state state) {
 
 }  // namespace
 
-std::string defaultModelForMemory(std::uint64_t physicalMemoryGB) {
-  if (physicalMemoryGB >= 32) return "gemma4:26b";
-  if (physicalMemoryGB >= 18) return "gemma4:12b";
-  return "gemma4:e4b";
-}
-
 std::shared_ptr<AppState> AppState::make(Environment environment) {
   auto state = std::shared_ptr<AppState>(new AppState(std::move(environment)));
   state->createScreenStream();
+  state->wire();
   return state;
+}
+
+void AppState::wire() {
+  std::weak_ptr<AppState> weak = weak_from_this();
+  registry_.onChanged = [weak] {
+    if (auto self = weak.lock()) self->changed("registry");
+  };
+  registry_.onRevoked = [weak](const std::string& hash) {
+    auto self = weak.lock();
+    if (!self) return;
+    if (self->screenStream_) self->screenStream_->revoke(hash);
+    if (self->server_) self->server_->revoke(hash);
+  };
+  registry_.onPaired = [weak](const std::string& name) {
+    if (auto self = weak.lock()) self->celebratePairing(name);
+  };
 }
 
 void AppState::createScreenStream() {
@@ -106,8 +118,23 @@ void AppState::createScreenStream() {
   stream.portOverride = env_.streamPortOverride;
   screenStream_ = screen::ScreenStreamService::make(std::move(stream));
   screenStream_->observe([weak = weak_from_this()](std::string_view property) {
-    if (auto self = weak.lock()) self->changed("screenStream." + std::string(property));
+    auto self = weak.lock();
+    if (!self) return;
+    if (property == "connectedClients") self->streamClientsPublished();
+    self->changed("screenStream." + std::string(property));
   });
+  streamClientsPublished();
+}
+
+void AppState::streamClientsPublished() {
+  const auto& names = screenStream_->properties().connectedClients;
+  if (handledStreamClients_ == names) return;
+  handledStreamClients_ = names;
+  handleStreamClientsChanged(names);
+}
+
+std::size_t AppState::streamClientCount() const {
+  return screenStream_ ? screenStream_->properties().connectedClients.size() : 0;
 }
 
 AppState::AppState(Environment environment)
@@ -159,6 +186,13 @@ void AppState::readSettings() {
       enumFromRawValue<OrinLinkConnectionKind>(settings_.string("manualEndpointKind").value_or(""))
           .value_or(OrinLinkConnectionKind::manual);
   p_.showConversations = settings_.boolean("showConversationsOnMac");
+  p_.hasSeenGuide = settings_.boolean("hasSeenGuide");
+  p_.isGuidePresented = !settings_.boolean("hasSeenGuide");
+  p_.showInDock = settings_.boolean("showInDock");
+  // Read as it is stored, so that absence (and anything but a Boolean) means on.
+  const auto sound = settings_.object("pairingSoundEnabled");
+  p_.pairingSoundEnabled = !sound || !sound->is_boolean() || sound->get<bool>();
+  p_.connectNotificationsEnabled = settings_.boolean("connectNotificationsEnabled");
   p_.lastRequestedModel = settings_.string("lastRequestedModel");
   p_.repliesToday = settings_.string("repliesTodayDate") == localDay(env_.clock())
                         ? settings_.integer("repliesTodayCount")
@@ -182,29 +216,15 @@ void AppState::changed(std::string_view property) {
     observer(property);
 }
 
+// The other edition is refused before the state exists; the panel's assets are compiled in, so
+// there is no font to register.
 void AppState::launch() {
   if (launched_) return;
   launched_ = true;
-  std::weak_ptr<AppState> weak = weak_from_this();
-  registry_.onChanged = [weak] {
-    if (auto self = weak.lock()) self->changed("registry");
-  };
-  registry_.onRevoked = [weak](const std::string& hash) {
-    auto self = weak.lock();
-    if (!self) return;
-    if (self->screenStream_) self->screenStream_->revoke(hash);
-    if (self->server_) self->server_->revoke(hash);
-  };
-  registry_.onPaired = [weak](const std::string& name) {
-    auto self = weak.lock();
-    if (!self) return;
-    self->set(&Properties::lastPairedDeviceName, name, "lastPairedDeviceName");
-    self->set(&Properties::lastPairedAt, self->env_.clock(), "lastPairedAt");
-    self->set(&Properties::lastEvent, "Paired " + name + ".", "lastEvent");
-  };
   if (screenStream_) screenStream_->resumeIfEnabled();
   startServer();
   refreshEndpointCandidates();
+  applyAvailabilitySettings();
   startSetupTimer();
   asio::co_spawn(
       env_.mainExecutor,
@@ -212,6 +232,7 @@ void AppState::launch() {
         co_await self->refreshRuntimeStatus();
       },
       asio::detached);
+  openSettingsWindow();
 }
 
 void AppState::shutdown() {
@@ -320,15 +341,189 @@ void AppState::saveSettings() {
   settings_.set("startAtLoginEnabled", p_.startAtLoginEnabled);
   settings_.set("manualEndpointHost", p_.manualEndpointHost);
   settings_.set("manualEndpointKind", std::string(rawValue(p_.manualEndpointKind)));
+  applyAvailabilitySettings();
   refreshEndpointCandidates();
   set(&Properties::lastEvent, std::string("Settings saved."), "lastEvent");
   warmActiveModel(true);
+}
+
+void AppState::applyAvailabilitySettings() {
+  set(&Properties::availabilityError, std::nullopt, "availabilityError");
+  if (auto* sleep = env_.desktop.sleepPrevention.get()) {
+    try {
+      sleep->setEnabled(p_.reliabilityModeEnabled);
+    } catch (...) {
+      set(&Properties::reliabilityModeEnabled, false, "reliabilityModeEnabled");
+      set(&Properties::availabilityError, describe(std::current_exception()), "availabilityError");
+    }
+  }
+  if (auto* login = env_.desktop.loginItem.get()) {
+    try {
+      login->setEnabled(p_.startAtLoginEnabled);
+    } catch (...) {
+      set(&Properties::startAtLoginEnabled, false, "startAtLoginEnabled");
+      std::string text = p_.availabilityError.value_or("");
+      if (!text.empty()) text += '\n';
+      text += "Start at Login: " + describe(std::current_exception());
+      set(&Properties::availabilityError, std::move(text), "availabilityError");
+    }
+  }
+}
+
+void AppState::openSettingsWindow() {
+  if (auto* opener = env_.desktop.panelOpener.get()) opener->openControlPanel();
 }
 
 void AppState::setShowConversations(bool on) {
   set(&Properties::showConversations, on, "showConversations");
   settings_.set("showConversationsOnMac", on);
   if (!on) set(&Properties::conversationLog, std::deque<ConversationEntry>{}, "conversationLog");
+}
+
+void AppState::setHasSeenGuide(bool seen) {
+  set(&Properties::hasSeenGuide, seen, "hasSeenGuide");
+  settings_.set("hasSeenGuide", seen);
+}
+
+void AppState::setShowInDock(bool show) {
+  set(&Properties::showInDock, show, "showInDock");
+  settings_.set("showInDock", show);
+  applyDockPolicy();
+}
+
+void AppState::setPairingSoundEnabled(bool on) {
+  set(&Properties::pairingSoundEnabled, on, "pairingSoundEnabled");
+  settings_.set("pairingSoundEnabled", on);
+}
+
+void AppState::setConnectNotificationsEnabled(bool on) {
+  set(&Properties::connectNotificationsEnabled, on, "connectNotificationsEnabled");
+  settings_.set("connectNotificationsEnabled", on);
+  auto* center = env_.desktop.notifications.get();
+  // The answer does not matter: a refusal only means that nothing is shown.
+  if (on && center != nullptr && center->isAvailable()) center->requestAuthorization();
+}
+
+void AppState::setGuidePresented(bool presented) {
+  set(&Properties::isGuidePresented, presented, "isGuidePresented");
+  if (!presented && !p_.hasSeenGuide) setHasSeenGuide(true);
+}
+
+// --- Desktop presence and notifications ---------------------------------------------------------
+
+void AppState::applyDockPolicy() {
+  if (auto* presence = env_.desktop.presence.get()) {
+    presence->setShowsWindowedPresence(p_.showInDock);
+  }
+  updateDockBadge();
+}
+
+void AppState::updateDockBadge() {
+  auto text = badgeText(streamClientCount(), p_.activeGenerations);
+  if (auto* presence = env_.desktop.presence.get()) presence->setBadge(text);
+  if (text != p_.badge) set(&Properties::badge, std::move(text), "badge");
+}
+
+void AppState::postNotification(const std::string& title, const std::string& body) {
+  auto* center = env_.desktop.notifications.get();
+  if (!p_.connectNotificationsEnabled || center == nullptr || !center->isAvailable()) return;
+  center->post(title, body);
+}
+
+void AppState::celebratePairing(const std::string& name) {
+  set(&Properties::lastPairedDeviceName, std::optional<std::string>(name), "lastPairedDeviceName");
+  set(&Properties::lastPairedAt, std::optional<Date>(env_.clock()), "lastPairedAt");
+  set(&Properties::lastEvent, "Paired " + name + ".", "lastEvent");
+  if (auto* sound = env_.desktop.sound.get(); sound != nullptr && p_.pairingSoundEnabled) {
+    sound->playPairingSound();
+  }
+  postNotification(name + " joined", "Paired with Orin Link on this Mac.");
+}
+
+void AppState::handleStreamClientsChanged(const std::vector<std::string>& names) {
+  std::set<std::string> announced;
+  for (const auto& name : names) {
+    if (previousStreamClients_.contains(name) || !announced.insert(name).second) continue;
+    postNotification(name + " connected", "Streaming your desktop into Vantaro.");
+  }
+  previousStreamClients_ = std::set<std::string>(names.begin(), names.end());
+  updateDockBadge();
+}
+
+void AppState::setDiscoveryAvailable(bool available) {
+  if (p_.isDiscoveryAvailable == available) return;
+  set(&Properties::isDiscoveryAvailable, std::optional<bool>(available), "isDiscoveryAvailable");
+  set(&Properties::lastEvent,
+      std::string(available ? "Discovery is available: devices on this network can find Orin "
+                              "Link."
+                            : "Discovery is unavailable (no Avahi daemon), so devices must be "
+                              "given an address. Everything else works."),
+      "lastEvent");
+}
+
+// --- Setup issues -------------------------------------------------------------------------------
+
+StateSnapshot AppState::stateSnapshot() const {
+  StateSnapshot s;
+  s.isServerRunning = p_.isServerRunning;
+  s.serverPort = p_.serverPort;
+  s.serverError = p_.serverError;
+  s.isOllamaAvailable = p_.isOllamaAvailable;
+  s.installState = ollamaInstallState();
+  s.ollamaError = p_.ollamaError;
+  s.activeModel = p_.activeModel;
+  s.isActiveModelInstalled = isActiveModelInstalled();
+  s.baseURLText = p_.baseURLText;
+  s.physicalMemoryGB = physicalMemoryGB_;
+  s.isModelResident = p_.modelResidentSince.has_value();
+  s.pairedDevices = registry_.devices().size();
+  s.activeGenerations = p_.activeGenerations;
+  s.busyDeviceName = p_.busyDeviceName;
+  s.tokensPerSecond = p_.tokensPerSecond;
+  s.repliesToday = p_.repliesToday;
+  s.reliabilityModeEnabled = p_.reliabilityModeEnabled;
+  s.startAtLoginEnabled = p_.startAtLoginEnabled;
+  s.lastEvent = p_.lastEvent;
+  s.availabilityError = p_.availabilityError;
+  s.endpoints = p_.endpointCandidates;
+  if (screenStream_) {
+    const auto& stream = screenStream_->properties();
+    s.stream.isEnabled = stream.isEnabled;
+    s.stream.isCapturing = stream.isCapturing;
+    s.stream.clients = stream.connectedClients;
+    s.stream.port = screenStream_->activePort().value_or(stream.streamPort);
+    s.stream.statusText = stream.statusText;
+    s.stream.error = stream.streamError;
+  }
+  s.missingFacilities = missingFacilities(env_.desktop, p_.isDiscoveryAvailable);
+  return s;
+}
+
+std::optional<SetupIssue> AppState::setupIssue() const {
+  return orin::setupIssue(stateSnapshot());
+}
+
+std::optional<SetupIssue::Kind> AppState::performSetupAction() {
+  const auto issue = setupIssue();
+  if (!issue) return std::nullopt;
+  switch (issue->kind) {
+    case SetupIssue::Kind::serverStopped:
+      startServer();
+      break;
+    case SetupIssue::Kind::ollamaNotRunning:
+      startOllama();
+      break;
+    case SetupIssue::Kind::ollamaNotInstalled:
+      openOllamaDownload();
+      break;
+    case SetupIssue::Kind::modelMissing:
+      pullModel(p_.activeModel);
+      break;
+    case SetupIssue::Kind::noDevicePaired:
+      newPairingCode();
+      break;
+  }
+  return issue->kind;
 }
 
 void AppState::refreshEndpointCandidates() {
@@ -577,6 +772,7 @@ void AppState::endGeneration(std::int64_t tokens, Date since) {
     }
     recordReply();
   }
+  updateDockBadge();
 }
 
 void AppState::recordReply() {
@@ -730,9 +926,14 @@ OrinLinkStatusPayload AppState::statusPayload() const {
 // Counts a generation in and returns the caller's device name.
 std::string AppState::beginGeneration(const HTTPRequest& request) {
   std::string deviceName = registry_.deviceName(request.bearerToken()).value_or("Device");
+  noteGenerationStarted(deviceName);
+  return deviceName;
+}
+
+void AppState::noteGenerationStarted(const std::string& deviceName) {
   set(&Properties::activeGenerations, p_.activeGenerations + 1, "activeGenerations");
   set(&Properties::busyDeviceName, std::optional<std::string>(deviceName), "busyDeviceName");
-  return deviceName;
+  updateDockBadge();
 }
 
 asio::awaitable<OrinLinkResponse> AppState::handleGenerate(HTTPRequest request) {

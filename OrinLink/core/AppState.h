@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,11 +21,13 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include "OrinLink/core/SettingsStore.h"
+#include "OrinLink/core/SetupGuide.h"
 #include "OrinLink/core/SystemActions.h"
 #include "OrinLink/pairing/DeviceRegistry.h"
 #include "OrinLink/runtime/OllamaRuntime.h"
 #include "OrinLink/screenstream/ScreenStreamService.h"
 #include "OrinLink/server/LocalHTTPServer.h"
+#include "OrinLink/system/DesktopIntegration.h"
 #include "OrinLinkShared/AIRecords.h"
 
 namespace orin {
@@ -38,8 +41,6 @@ struct ConversationEntry {
   bool isComplete = false;
   bool operator==(const ConversationEntry&) const = default;
 };
-
-enum class OllamaInstallState { running, installed, notInstalled };
 
 // A settings value that cannot start the application, with the text the user sees.
 class StartupError : public Error {
@@ -83,13 +84,17 @@ class AppState : public std::enable_shared_from_this<AppState> {
     // Where capture, encoders and the virtual display are set up and taken down.
     boost::asio::any_io_executor streamPlatformExecutor;
     std::optional<std::uint16_t> streamPortOverride;
+    // Sleep, login, notifications, sound, tray and panel. A facility left empty is missing: what
+    // is asked of it does nothing.
+    DesktopIntegration desktop;
   };
 
   // Reads the settings; throws StartupError for a stored port outside 0-65535.
   static std::shared_ptr<AppState> make(Environment environment);
   ~AppState();
 
-  // Starts the server, the endpoint refresh, the one-second timer and the runtime refresh.
+  // Resumes streaming, starts the server, the endpoint refresh, the availability options, the
+  // one-second timer and the runtime refresh, and opens the control panel.
   void launch();
   // Stops what launch() started, so the loops can wind down.
   void shutdown();
@@ -103,8 +108,33 @@ class AppState : public std::enable_shared_from_this<AppState> {
   void startServer();
   void stopServer();
   void saveSettings();
-  void setShowConversations(bool on);
+  void applyAvailabilitySettings();
   void refreshEndpointCandidates();
+  void openSettingsWindow();
+
+  // Settings that take effect, and are stored, as soon as they change.
+  void setShowConversations(bool on);
+  void setHasSeenGuide(bool seen);
+  void setShowInDock(bool show);
+  void setPairingSoundEnabled(bool on);
+  void setConnectNotificationsEnabled(bool on);
+  // Dismissing the guide also remembers that it was seen.
+  void setGuidePresented(bool presented);
+
+  // Presence on the desktop: the windowed presence and the badge of busy things.
+  void applyDockPolicy();
+  void updateDockBadge();
+  void postNotification(const std::string& title, const std::string& body);
+  void celebratePairing(const std::string& name);
+  void handleStreamClientsChanged(const std::vector<std::string>& names);
+  // What the advertiser found: whether devices can discover this machine.
+  void setDiscoveryAvailable(bool available);
+
+  // The derived views' inputs, and the current setup issue.
+  StateSnapshot stateSnapshot() const;
+  std::optional<SetupIssue> setupIssue() const;
+  // Performs the fix of the current setup issue; returns which one, or nothing when all is set.
+  std::optional<SetupIssue::Kind> performSetupAction();
 
   // Runtime supervision.
   boost::asio::awaitable<void> refreshRuntimeStatus();
@@ -116,6 +146,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   OllamaInstallState ollamaInstallState() const;
   bool isActiveModelInstalled() const;
   std::string recommendedModel() const;
+  std::uint64_t physicalMemoryGB() const { return physicalMemoryGB_; }
   OllamaRuntime runtime() const;
 
   // Pairing.
@@ -128,6 +159,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
 
   // Statistics and the conversation log.
   void noteRequestedModel(const std::optional<std::string>& model);
+  void noteGenerationStarted(const std::string& deviceName);
   void endGeneration(std::int64_t tokens, Date since);
   void recordReply();
   std::optional<Uuid> beginConversationEntry(const std::string& prompt,
@@ -151,6 +183,11 @@ class AppState : public std::enable_shared_from_this<AppState> {
     std::optional<Date> modelResidentSince;
     std::optional<std::string> lastPairedDeviceName;
     std::optional<Date> lastPairedAt;
+    bool hasSeenGuide = false;
+    bool isGuidePresented = true;
+    bool showInDock = false;
+    bool pairingSoundEnabled = true;
+    bool connectNotificationsEnabled = false;
     std::optional<PullProgress> pullProgress;
     std::optional<std::string> pullPausedModel;
     std::optional<std::string> pullError;
@@ -173,6 +210,9 @@ class AppState : public std::enable_shared_from_this<AppState> {
     bool showConversations = false;
     std::deque<ConversationEntry> conversationLog;
     std::optional<std::string> lastRequestedModel;
+    // The badge last shown, and whether discovery works (unknown until the advertiser says).
+    std::optional<std::string> badge;
+    std::optional<bool> isDiscoveryAvailable;
   };
   const Properties& properties() const { return p_; }
   // The settings window's edits go here, then saveSettings().
@@ -188,6 +228,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
 
  private:
   explicit AppState(Environment environment);
+  void wire();
   void readSettings();
   void startSetupTimer();
   void watchForOllama();
@@ -199,6 +240,8 @@ class AppState : public std::enable_shared_from_this<AppState> {
   OrinLinkStatusPayload statusPayload() const;
   std::string beginGeneration(const HTTPRequest& request);
   void createScreenStream();
+  void streamClientsPublished();
+  std::size_t streamClientCount() const;
   HTTPResponse healthResponse() const;
   void publishHealth();
 
@@ -254,9 +297,9 @@ class AppState : public std::enable_shared_from_this<AppState> {
   std::shared_ptr<HealthBoard> health_ = std::make_shared<HealthBoard>();
   std::uint64_t physicalMemoryGB_ = 0;
   bool launched_ = false;
+  // The stream's client list as last handled, so that a repeat of the same list is dropped.
+  std::optional<std::vector<std::string>> handledStreamClients_;
+  std::set<std::string> previousStreamClients_;
 };
-
-// The model recommended for a machine with this much memory (rounded GiB).
-std::string defaultModelForMemory(std::uint64_t physicalMemoryGB);
 
 }  // namespace orin

@@ -13,7 +13,10 @@
 #include "OrinLink/core/SettingsStore.h"
 #include "OrinLink/core/SystemActions.h"
 #include "OrinLink/server/AvahiAdvertiser.h"
+#include "OrinLink/system/EditionGuard.h"
+#include "OrinLink/system/LinuxDesktopIntegration.h"
 #include "OrinLink/ui/ControlAPI.h"
+#include "OrinLink/ui/ControlPanelAssets.h"
 #include "OrinLink/ui/TerminalView.h"
 
 namespace orin {
@@ -28,8 +31,16 @@ std::uint16_t controlPort(const std::filesystem::path& configDirectory) {
 
 namespace {
 
-int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecutor& httpLoop,
-            SerialExecutor& workLoop, SerialExecutor& streamLoop, SerialExecutor& platformLoop) {
+// The desktop's facilities for this session. The panel opens at the address the control API
+// publishes once it listens.
+DesktopIntegration makeDesktopIntegration(const ApplicationOptions& options,
+                                          std::shared_ptr<ControlPanelAddress> panel) {
+  return makeLinuxDesktopIntegration({std::move(panel), options.openControlPanel});
+}
+
+int runWith(const ApplicationOptions& options, EditionGuard* guard, EventLoop& mainLoop,
+            SerialExecutor& httpLoop, SerialExecutor& workLoop, SerialExecutor& streamLoop,
+            SerialExecutor& platformLoop) {
   PosixSystemActions system;
 
   std::optional<AvahiAdvertiser> advertiser;
@@ -37,16 +48,7 @@ int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecut
   if (options.advertise) {
     advertiser.emplace([&mainLoop, &weakApp](bool available) {
       asio::post(mainLoop, [&weakApp, available] {
-        static std::optional<bool> reported;
-        auto app = weakApp.lock();
-        if (!app || reported == available) return;
-        reported = available;
-        app->set(&AppState::Properties::lastEvent,
-                 std::string(available ? "Discovery is available: devices on this network can "
-                                         "find Orin Link."
-                                       : "Discovery is unavailable (no Avahi daemon), so devices "
-                                         "must be given an address. Everything else works."),
-                 "lastEvent");
+        if (auto app = weakApp.lock()) app->setDiscoveryAvailable(available);
       });
     });
   }
@@ -66,10 +68,12 @@ int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecut
   environment.streamServerExecutor = streamLoop.executor();
   environment.streamPlatformExecutor = platformLoop.executor();
   environment.streamPortOverride = options.streamPort;
+  const auto panel = std::make_shared<ControlPanelAddress>();
+  environment.desktop = makeDesktopIntegration(options, panel);
 
   std::shared_ptr<AppState> app;
   try {
-    app = AppState::make(environment);
+    app = AppState::make(std::move(environment));
   } catch (const StartupError& error) {
     std::fprintf(stderr, "orinlink: %s\n", error.what());
     return 1;
@@ -87,18 +91,25 @@ int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecut
   const std::uint16_t port = options.controlPort.value_or(controlPort(options.configDirectory));
   ControlAPI control(app, secret, port, httpLoop.executor(), mainLoop.get_executor());
   TerminalView view(app, mainLoop.get_executor());
+  control.setOpenPanel([weak = std::weak_ptr(app)] {
+    if (auto owner = weak.lock()) owner->openSettingsWindow();
+  });
   control.setStateChanged(
-      [port, &view](bool running, std::uint16_t bound, std::optional<std::string> error) {
+      [&, port](bool running, std::uint16_t bound, std::optional<std::string> error) {
         if (running) {
           view.setControlPort(bound);
+          panel->set(controlPanelURL(bound, secret));
+          if (guard) guard->recordControlAPI(bound, options.configDirectory / "control-secret");
         } else {
           std::fprintf(stderr, "orinlink: the control API could not listen on 127.0.0.1:%u: %s\n",
                        static_cast<unsigned>(port), error.value_or("unknown error").c_str());
         }
       });
 
-  app->launch();
+  // Listening before launch, which opens the panel.
   control.start();
+  app->applyDockPolicy();
+  app->launch();
 
   asio::signal_set signals(mainLoop, SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& ec, int) {
@@ -115,13 +126,18 @@ int runWith(const ApplicationOptions& options, EventLoop& mainLoop, SerialExecut
 }  // namespace
 
 int runApplication(const ApplicationOptions& options) {
+  // Before anything starts: another edition or another copy of this one may be running.
+  auto claim = claimEdition(options.openControlPanel);
+  if (const int* status = std::get_if<int>(&claim)) return *status;
+  const auto guard = std::move(std::get<std::unique_ptr<EditionGuard>>(claim));
   EventLoop mainLoop;
   SerialExecutor httpLoop("orinlink.http");
   SerialExecutor workLoop("orinlink.work");
   SerialExecutor streamLoop("orinlink.stream");
   // Setting up capture or a virtual display can block; the Tailscale lookup need not wait.
   SerialExecutor platformLoop("orinlink.display");
-  const int status = runWith(options, mainLoop, httpLoop, workLoop, streamLoop, platformLoop);
+  const int status =
+      runWith(options, guard.get(), mainLoop, httpLoop, workLoop, streamLoop, platformLoop);
   // The files still being written are finished, and the user's screens put back, not dropped.
   workLoop.finish();
   platformLoop.finish();

@@ -15,6 +15,8 @@ struct ApplicationOptions {
   std::optional<std::uint16_t> controlPort;
   // The screen stream's port instead of the stored one; 0 lets the system choose.
   std::optional<std::uint16_t> streamPort;
+  // False when started at login: the control panel opens only when asked.
+  bool openControlPanel = true;
 };
 
 // Runs Orin Link until SIGINT or SIGTERM; returns the exit status.

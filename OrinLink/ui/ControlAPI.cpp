@@ -10,6 +10,8 @@
 
 #include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/core/Diagnostics.h"
+#include "OrinLink/ui/ControlPanelAssets.h"
 
 namespace orin {
 
@@ -154,12 +156,18 @@ asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
     co_return HTTPHandlerResult::response(HTTPResponse::error(HTTPStatus::forbidden, "forbidden",
                                                               "This address is not allowed here."));
   }
+  const std::string path = request.path.substr(0, request.path.find('?'));
+  // The page and its files hold nothing secret, and must load before there is a session.
+  if (request.method == "GET") {
+    if (const EmbeddedAsset* asset = findPanelAsset(path)) {
+      co_return HTTPHandlerResult::response(panelAssetResponse(*asset));
+    }
+  }
   if (!hasSecret(request)) {
     co_return HTTPHandlerResult::response(HTTPResponse::error(
         HTTPStatus::unauthorized, "unauthorized",
         "Open the control panel from Orin Link, or pass the secret from its control-secret file."));
   }
-  const std::string path = request.path.substr(0, request.path.find('?'));
   auto app = app_.lock();
   if (!app) {
     co_return HTTPHandlerResult::response(HTTPResponse::error(
@@ -171,10 +179,18 @@ asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
   if (request.method == "GET" && path == "/api/events") {
     co_return HTTPHandlerResult::eventStream(changeStream());
   }
+  if (request.method == "GET" && path == "/api/pairing/qr.svg") {
+    co_return HTTPHandlerResult::response(qrCodeResponse(app->pairingPayload()));
+  }
   if (request.method == "POST" && path.starts_with("/api/")) {
     if (!originAllowed(request)) {
       co_return HTTPHandlerResult::response(HTTPResponse::error(
           HTTPStatus::forbidden, "forbidden", "Changes are accepted only from the control panel."));
+    }
+    if (path == "/api/session") {
+      HTTPResponse reply = jsonReply(HTTPStatus::ok, snapshot(*app));
+      reply.headers["Set-Cookie"] = sessionCookieHeader(sessionCookie, secret_);
+      co_return HTTPHandlerResult::response(std::move(reply));
     }
     try {
       co_return HTTPHandlerResult::response(performOperation(path, request));
@@ -185,6 +201,71 @@ asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
   }
   co_return HTTPHandlerResult::response(HTTPResponse::error(HTTPStatus::notFound, "not_found",
                                                             "Nothing is at " + request.path + "."));
+}
+
+namespace {
+
+// Everything is decoded before anything changes, so a bad field changes nothing. The window's
+// settings are saved together; the others take effect and are stored one by one, and a request
+// with only those does not count as saving the window.
+void applySettings(AppState& app, const json::ObjectReader& args) {
+  const auto port = args.optional<std::uint16_t>("serverPort");
+  const auto model = args.optional<std::string>("activeModel");
+  const auto url = args.optional<std::string>("ollamaBaseURL");
+  const auto reliability = args.optional<bool>("reliabilityModeEnabled");
+  const auto login = args.optional<bool>("startAtLoginEnabled");
+  const auto host = args.optional<std::string>("manualEndpointHost");
+  const auto kind = args.optional<OrinLinkConnectionKind>("manualEndpointKind");
+  const auto seenGuide = args.optional<bool>("hasSeenGuide");
+  const auto showInDock = args.optional<bool>("showInDock");
+  const auto sound = args.optional<bool>("pairingSoundEnabled");
+  const auto notifications = args.optional<bool>("connectNotificationsEnabled");
+
+  if (seenGuide) app.setHasSeenGuide(*seenGuide);
+  if (showInDock) app.setShowInDock(*showInDock);
+  if (sound) app.setPairingSoundEnabled(*sound);
+  if (notifications) app.setConnectNotificationsEnabled(*notifications);
+  const bool onlyImmediate = seenGuide || showInDock || sound || notifications;
+  if (onlyImmediate && !port && !model && !url && !reliability && !login && !host && !kind) return;
+
+  auto& p = app.editableProperties();
+  if (port) p.serverPort = *port;
+  if (model) p.activeModel = *model;
+  if (url) p.baseURLText = *url;
+  if (reliability) p.reliabilityModeEnabled = *reliability;
+  if (login) p.startAtLoginEnabled = *login;
+  if (host) p.manualEndpointHost = *host;
+  if (kind) p.manualEndpointKind = *kind;
+  app.saveSettings();
+}
+
+HTTPResponse conflict(std::string message) {
+  HTTPResponse response = HTTPResponse::error(409, "conflict", std::move(message));
+  response.reason = "Conflict";
+  return response;
+}
+
+}  // namespace
+
+// The panel names the step its button showed, so a click that arrives after the state moved on
+// does not fix something the user never saw.
+HTTPResponse ControlAPI::performSetupAction(AppState& app, const json::ObjectReader& args) {
+  const auto named = args.optional<std::string>("kind");
+  std::optional<SetupIssue::Kind> expected;
+  if (named) {
+    expected = enumFromRawValue<SetupIssue::Kind>(*named);
+    if (!expected) {
+      return HTTPResponse::error(HTTPStatus::badRequest, "bad_request",
+                                 "There is no setup step called \"" + *named + "\".");
+    }
+  }
+  const auto issue = app.setupIssue();
+  if (!issue) return conflict("Nothing needs setting up.");
+  if (expected && *expected != issue->kind) {
+    return conflict("That setup step is no longer the current one.");
+  }
+  app.performSetupAction();
+  return jsonReply(HTTPStatus::ok, snapshot(app));
 }
 
 HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPRequest& request) {
@@ -203,17 +284,13 @@ HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPReq
   } else if (path == "/api/server/stop") {
     app->stopServer();
   } else if (path == "/api/settings") {
-    auto& p = app->editableProperties();
-    if (auto port = args.optional<std::uint16_t>("serverPort")) p.serverPort = *port;
-    if (auto model = args.optional<std::string>("activeModel")) p.activeModel = *model;
-    if (auto url = args.optional<std::string>("ollamaBaseURL")) p.baseURLText = *url;
-    if (auto on = args.optional<bool>("reliabilityModeEnabled")) p.reliabilityModeEnabled = *on;
-    if (auto on = args.optional<bool>("startAtLoginEnabled")) p.startAtLoginEnabled = *on;
-    if (auto host = args.optional<std::string>("manualEndpointHost")) p.manualEndpointHost = *host;
-    if (auto kind = args.optional<OrinLinkConnectionKind>("manualEndpointKind")) {
-      p.manualEndpointKind = *kind;
-    }
-    app->saveSettings();
+    applySettings(*app, args);
+  } else if (path == "/api/setup/action") {
+    return performSetupAction(*app, args);
+  } else if (path == "/api/guide") {
+    app->setGuidePresented(args.required<bool>("presented"));
+  } else if (path == "/api/panel/open" && openPanel_) {
+    openPanel_();
   } else if (path == "/api/conversations") {
     app->setShowConversations(args.required<bool>("show"));
   } else if (path == "/api/runtime/refresh") {
@@ -327,11 +404,21 @@ Ordered screenStreamSnapshot(const screen::ScreenStreamService* service) {
             {"streamPort", s.streamPort}}}};
 }
 
+Ordered setupIssueJSON(const std::optional<SetupIssue>& issue) {
+  if (!issue) return nullptr;
+  return {{"kind", rawValue(issue->kind)},
+          {"title", issue->title},
+          {"message", issue->message},
+          {"actionTitle", issue->actionTitle},
+          {"copyCommand", optionalText(issue->copyCommand)}};
+}
+
 }  // namespace
 
 Ordered ControlAPI::snapshot(const AppState& app) {
   const auto& p = app.properties();
   const auto& registry = app.registry();
+  const StateSnapshot state = app.stateSnapshot();
 
   Ordered devices = Ordered::array();
   for (const auto& device : registry.devices()) {
@@ -409,6 +496,18 @@ Ordered ControlAPI::snapshot(const AppState& app) {
       {"availabilityError", optionalText(p.availabilityError)},
       {"screenStream", screenStreamSnapshot(app.screenStream().get())},
       {"lastEvent", p.lastEvent},
+      {"setupIssue", setupIssueJSON(setupIssue(state))},
+      {"presenceSentence", presenceSentence(state)},
+      {"orbMood", rawValue(orbMood(state))},
+      {"statsLine", optionalText(statsLine(state))},
+      {"streamStatusValue", streamStatusValue(state)},
+      {"diagnosticSummary", diagnosticSummary(state)},
+      {"hasSeenGuide", p.hasSeenGuide},
+      {"isGuidePresented", p.isGuidePresented},
+      {"showInDock", p.showInDock},
+      {"pairingSoundEnabled", p.pairingSoundEnabled},
+      {"connectNotificationsEnabled", p.connectNotificationsEnabled},
+      {"badge", optionalText(p.badge)},
   };
 }
 

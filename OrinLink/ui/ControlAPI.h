@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -32,6 +33,8 @@ class ControlAPI {
   ~ControlAPI();
 
   void setStateChanged(LocalHTTPServer::StateChanged callback);
+  // POST /api/panel/open: another start of Orin Link asks this one to show its panel.
+  void setOpenPanel(std::function<void()> open) { openPanel_ = std::move(open); }
   void start();
   void stop();
   std::uint16_t port() const;
@@ -43,6 +46,7 @@ class ControlAPI {
 
  private:
   HTTPResponse performOperation(const std::string& path, const HTTPRequest& request);
+  static HTTPResponse performSetupAction(AppState& app, const json::ObjectReader& args);
   TextChunkStream changeStream();
   bool hostAllowed(const HTTPRequest& request) const;
   bool originAllowed(const HTTPRequest& request) const;
@@ -52,6 +56,7 @@ class ControlAPI {
   std::string secret_;
   boost::asio::any_io_executor mainExecutor_;
   std::unique_ptr<LocalHTTPServer> server_;
+  std::function<void()> openPanel_;
 };
 
 }  // namespace orin

@@ -84,6 +84,10 @@ void TerminalView::redraw() {
   if (controlPort_ != 0) {
     screen += "\nControl API   http://127.0.0.1:" + std::to_string(controlPort_);
   }
+  if (const auto issue = app->setupIssue()) {
+    screen += "\nNext step     " + issue->title;
+    if (issue->copyCommand) screen += " (or run: " + *issue->copyCommand + ")";
+  }
   screen += "\n\n" + p.lastEvent + "\n";
   // Drawn over the previous frame line by line, each line cleared to its end, so the view
   // updates in place without flicker.

@@ -14,6 +14,7 @@
 
 #include "tests/aiservice/FakeSystemActions.h"
 #include "tests/core/TemporaryDirectory.h"
+#include "tests/support/FakeDesktopIntegration.h"
 #include "tests/support/StandInProcess.h"
 #include "tools/orinlink-device/DeviceClient.h"
 
@@ -76,8 +77,9 @@ class AIServiceTest : public testing::Test {
     environment.clock = [this] { return Date{now_.load()}; };
     environment.bindAddress = asio::ip::address_v4::loopback();
     environment.serverPortOverride = 0;
+    environment.desktop = makeFakeDesktop(desktop_);
     onMain([&] {
-      app_ = AppState::make(environment);
+      app_ = AppState::make(std::move(environment));
       // An app that is being replaced may still finish work and notify: read the one that
       // notifies, and record only the current one's events.
       app_->observe([this, observed = app_.get()](std::string_view property) {
@@ -165,6 +167,8 @@ class AIServiceTest : public testing::Test {
 
   TemporaryDirectory directory_;
   FakeSystemActions system_;
+  // Read and written on the main loop only.
+  std::shared_ptr<DesktopRecord> desktop_ = std::make_shared<DesktopRecord>();
   std::atomic<double> now_{Date::now().secondsSinceReferenceDate};
   std::optional<StandInProcess> standIn_;
   SerialExecutor mainLoop_{"test.main"};

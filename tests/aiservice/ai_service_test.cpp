@@ -155,9 +155,9 @@ TEST_F(AIServiceTest, StreamsEndCleanlyWhenTheirConnectionOrDaemonGoes) {
       char chunk[512];
       received.append(chunk, socket.read_some(asio::buffer(chunk), ec));
     }
-    ASSERT_TRUE(
-        waitUntil([](const AppState& app) { return app.properties().activeGenerations == 1; }))
-        << received;
+    ASSERT_TRUE(waitUntil([](const AppState& app) {
+      return app.properties().activeGenerations == 1;
+    })) << received;
 
     switch (ending) {
       case Ending::devicePairedAgain:
@@ -201,6 +201,20 @@ TEST_F(AIServiceTest, ConversationsAreLoggedOnlyWhileShown) {
   onMain([&] { app_->setShowConversations(false); });
   EXPECT_TRUE(onMain([&] { return app_->properties().conversationLog.empty(); }));
   EXPECT_EQ(onMain([&] { return app_->properties().repliesToday; }), 1);
+
+  // The pairing chimed, and the generation showed on the badge while it ran.
+  const auto desktop = onMain([&] { return *desktop_; });
+  EXPECT_EQ(desktop.soundsPlayed, 1);
+  ASSERT_GE(desktop.badges.size(), 2u);
+  EXPECT_EQ(desktop.badges[desktop.badges.size() - 2], std::optional<std::string>("1"));
+  EXPECT_EQ(desktop.badges.back(), std::nullopt);
+}
+
+TEST_F(AIServiceTest, LaunchAppliesTheAvailabilityOptionsAndOpensThePanel) {
+  const auto desktop = onMain([&] { return *desktop_; });
+  EXPECT_EQ(desktop.panelOpens, 1);
+  EXPECT_EQ(desktop.loginItemCalls, std::vector<bool>{false});
+  EXPECT_FALSE(desktop.sleepHeld);
 }
 
 }  // namespace

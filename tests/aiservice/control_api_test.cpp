@@ -1,3 +1,6 @@
+#include <cstdio>
+#include <sys/wait.h>
+
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/write.hpp>
@@ -15,15 +18,27 @@ class ControlAPITest : public AIServiceTest {
  protected:
   void SetUp() override {
     AIServiceTest::SetUp();
-    std::promise<std::uint16_t> ready;
+    startControl();
+  }
+
+  // The control API over the current application.
+  void startControl() {
+    auto ready = std::make_shared<std::promise<std::uint16_t>>();
     onMain([&] {
       control_ =
           std::make_unique<ControlAPI>(app_, secret, 0, httpLoop_.executor(), mainLoop_.executor());
-      control_->setStateChanged(
-          [&ready](bool, std::uint16_t port, auto) { ready.set_value(port); });
+      control_->setStateChanged([ready, told = false](bool, std::uint16_t port, auto) mutable {
+        if (!std::exchange(told, true)) ready->set_value(port);
+      });
       control_->start();
     });
-    controlPort_ = ready.get_future().get();
+    controlPort_ = ready->get_future().get();
+  }
+
+  void restartWithControl(const Json& settings) {
+    onMain([&] { control_.reset(); });
+    restart(settings);
+    startControl();
   }
   void TearDown() override {
     onMain([&] { control_.reset(); });
@@ -40,9 +55,41 @@ class ControlAPITest : public AIServiceTest {
     return {"Authorization", "Bearer " + secret};
   }
 
+  Json state() const {
+    return Json::parse(control("GET", "/api/state", {{"Host", host()}, authorised()}).body);
+  }
+  testing_support::HTTPReply setupAction(const Json& body) const {
+    return control("POST", "/api/setup/action", {{"Host", host()}, authorised()}, body.dump());
+  }
+
   std::unique_ptr<ControlAPI> control_;
   std::uint16_t controlPort_ = 0;
 };
+
+std::uint16_t unusedLoopbackPort() {
+  asio::io_context io;
+  asio::ip::tcp::acceptor acceptor(io, {asio::ip::address_v4::loopback(), 0});
+  return acceptor.local_endpoint().port();
+}
+
+struct CommandResult {
+  int status = -1;
+  std::string output;  // standard output and error together
+};
+
+CommandResult runOrinLink(const std::string& arguments) {
+  const std::string command = std::string(ORINLINK_PATH) + " " + arguments + " 2>&1";
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) return {};
+  CommandResult result;
+  char buffer[4096];
+  std::size_t read = 0;
+  while ((read = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
+    result.output.append(buffer, read);
+  const int status = ::pclose(pipe);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
 
 TEST_F(ControlAPITest, RefusesForeignHostsOriginsAndMissingSecrets) {
   const std::string local = "http://localhost:" + std::to_string(controlPort_);
@@ -122,6 +169,150 @@ TEST_F(ControlAPITest, TheChangeStreamNamesWhatChanged) {
   onMain([&] { app_->newPairingCode(); });
   asio::read_until(socket, asio::dynamic_buffer(received), "registry");
   EXPECT_NE(received.find("text/event-stream"), std::string::npos);
+}
+
+TEST_F(ControlAPITest, TheSnapshotCarriesTheDerivedViews) {
+  ASSERT_TRUE(waitForEvent("Ollama is ready with plain:1b."));
+  Json s = state();
+  EXPECT_EQ(s["setupIssue"]["kind"], "noDevicePaired");
+  EXPECT_TRUE(s["setupIssue"]["copyCommand"].is_null());
+  EXPECT_EQ(s["presenceSentence"], "No device paired yet");
+  EXPECT_EQ(s["orbMood"], "dormant");
+  EXPECT_EQ(s["streamStatusValue"], "Off");
+  EXPECT_TRUE(s["statsLine"].is_null());
+  EXPECT_TRUE(s["badge"].is_null());
+
+  pair("snapshot-device");
+  s = state();
+  EXPECT_TRUE(s["setupIssue"].is_null());
+  EXPECT_EQ(s["orbMood"], "idle");
+  EXPECT_EQ(s["presenceSentence"].get<std::string>().rfind("Orin's ready \u2014 plain ", 0), 0u);
+}
+
+TEST_F(ControlAPITest, ImmediateSettingsDoNotSaveTheWindow) {
+  const auto post = [&](const std::string& path, const Json& body) {
+    return control("POST", path, {{"Host", host()}, authorised()}, body.dump());
+  };
+  ASSERT_EQ(post("/api/settings", {{"showInDock", true}, {"pairingSoundEnabled", false}}).status,
+            200);
+  ASSERT_EQ(post("/api/guide", {{"presented", false}}).status, 200);
+  const Json s = state();
+  EXPECT_EQ(s["showInDock"], true);
+  EXPECT_EQ(s["pairingSoundEnabled"], false);
+  EXPECT_EQ(s["hasSeenGuide"], true);
+  EXPECT_EQ(s["isGuidePresented"], false);
+  EXPECT_NE(s["lastEvent"], "Settings saved.");
+  EXPECT_EQ(onMain([&] { return desktop_->windowedPresence; }), std::optional<bool>(true));
+  // A bad field changes nothing.
+  EXPECT_EQ(post("/api/settings", {{"showInDock", false}, {"serverPort", "x"}}).status, 400);
+  EXPECT_EQ(state()["showInDock"], true);
+}
+
+// Each setup issue's button does what it says, and only while that issue is the current one.
+TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
+  using Launch = std::vector<std::string>;
+  struct Case {
+    std::string kind;
+    Json settings;
+    std::vector<std::filesystem::path> files;
+    std::string readyEvent;
+    std::function<bool(const AppState&)> fixed;
+    std::optional<Launch> launched;
+  };
+  const auto modelArrived = [](const AppState& app) { return app.isActiveModelInstalled(); };
+  const auto serving = [](const AppState& app) { return app.properties().isServerRunning; };
+  const Json unreachable = {
+      {"ollamaBaseURL", "http://127.0.0.1:" + std::to_string(unusedLoopbackPort())}};
+  const Case cases[] = {
+      {"ollamaNotInstalled",
+       unreachable,
+       {},
+       "Ollama is not reachable.",
+       nullptr,
+       Launch{"open", "https://ollama.com/download"}},
+      {"ollamaNotRunning",
+       unreachable,
+       {"/usr/local/bin/ollama"},
+       "Ollama is not reachable.",
+       nullptr,
+       Launch{"/usr/local/bin/ollama", "serve"}},
+      {"modelMissing",
+       {{"activeModel", "big:1b"}},
+       {},
+       "Ollama is reachable, but big:1b was not found.",
+       modelArrived,
+       std::nullopt},
+      {"serverStopped",
+       Json::object(),
+       {},
+       "Ollama is ready with plain:1b.",
+       serving,
+       std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.kind);
+    system_.reset();
+    for (const auto& file : c.files)
+      system_.addFile(file);
+    restartWithControl(c.settings);
+    ASSERT_TRUE(waitForEvent(c.readyEvent));
+    if (c.kind == "serverStopped") {
+      ASSERT_EQ(control("POST", "/api/server/stop", {{"Host", host()}, authorised()}).status, 200);
+    }
+    EXPECT_EQ(state()["setupIssue"]["kind"], c.kind);
+    EXPECT_EQ(setupAction({{"kind", "noDevicePaired"}}).status, 409);
+    EXPECT_EQ(setupAction({{"kind", c.kind}}).status, 200);
+    if (c.fixed) {
+      EXPECT_TRUE(waitUntil(c.fixed));
+    }
+    if (c.launched) {
+      const auto launched = system_.launched();
+      EXPECT_NE(std::find(launched.begin(), launched.end(), *c.launched), launched.end());
+    }
+  }
+}
+
+TEST_F(ControlAPITest, TheSetupActionRefusesStepsThatAreNotThere) {
+  ASSERT_TRUE(waitForEvent("Ollama is ready with plain:1b."));
+  const std::string code = onMain([&] { return app_->registry().pairingCode(); });
+  EXPECT_EQ(setupAction({{"kind", "nonsense"}}).status, 400);
+  const auto fixed = setupAction(Json::object());
+  EXPECT_EQ(fixed.status, 200);
+  EXPECT_NE(Json::parse(fixed.body)["pairing"]["code"], code);
+  pair("refusal-device");
+  const auto nothing = setupAction(Json::object());
+  EXPECT_EQ(nothing.status, 409);
+  EXPECT_NE(nothing.body.find("Nothing needs setting up."), std::string::npos);
+}
+
+TEST_F(ControlAPITest, TheDiagnosticsCommandPrintsTheRunningAppsReport) {
+  ASSERT_TRUE(waitForEvent("Ollama is ready with plain:1b."));
+  const auto config = directory_.path() / "config";
+  writeFileAtomically(config / "control-secret", secret + "\n", 0600);
+  const std::uint16_t idle = unusedLoopbackPort();
+  struct Case {
+    std::string arguments;
+    int status;
+    std::string output;
+  };
+  const Case cases[] = {
+      {"--config-dir " + config.string() + " --control-port " + std::to_string(controlPort_) +
+           " diagnostics",
+       0, state()["diagnosticSummary"].get<std::string>() + "\n"},
+      {"--config-dir " + config.string() + " --control-port " + std::to_string(idle) +
+           " diagnostics",
+       1,
+       "orinlink: Orin Link is not running (nothing answers on 127.0.0.1:" + std::to_string(idle) +
+           "). Start it with: orinlink\n"},
+      {"--config-dir " + (directory_.path() / "elsewhere").string() + " diagnostics", 1,
+       "orinlink: Orin Link has not run for this user yet. Start it with: orinlink\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    const auto result = runOrinLink(c.arguments);
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_EQ(result.output, c.output);
+  }
 }
 
 }  // namespace

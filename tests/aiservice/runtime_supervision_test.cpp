@@ -1,5 +1,3 @@
-#include <ctime>
-
 #include "tests/aiservice/AIServiceFixture.h"
 
 namespace orin::test {
@@ -8,96 +6,6 @@ namespace {
 using RuntimeSupervisionTest = AIServiceTest;
 
 const Json unreachable = {{"ollamaBaseURL", "http://127.0.0.1:9"}};
-
-TEST_F(RuntimeSupervisionTest, SettingsAreReadWithTheirRules) {
-  const std::string today = [] {
-    const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-    ::localtime_r(&now, &parts);
-    char text[16];
-    std::strftime(text, sizeof text, "%Y-%m-%d", &parts);
-    return std::string(text);
-  }();
-  struct Case {
-    std::string name;
-    std::uint64_t memoryGiB;
-    Json settings;
-    std::string activeModel;
-    std::int64_t repliesToday;
-    OrinLinkConnectionKind manualKind;
-  };
-  const Case cases[] = {
-      {"32 GB machine",
-       32,
-       {{"activeModel", nullptr}},
-       "gemma4:26b",
-       0,
-       OrinLinkConnectionKind::manual},
-      {"24 GB machine",
-       24,
-       {{"activeModel", nullptr}},
-       "gemma4:12b",
-       0,
-       OrinLinkConnectionKind::manual},
-      {"16 GB machine",
-       16,
-       {{"activeModel", nullptr}},
-       "gemma4:e4b",
-       0,
-       OrinLinkConnectionKind::manual},
-      {"chosen model",
-       16,
-       {{"activeModel", "plain:1b"}},
-       "plain:1b",
-       0,
-       OrinLinkConnectionKind::manual},
-      {"replies today",
-       16,
-       {{"repliesTodayDate", today}, {"repliesTodayCount", 4}},
-       "plain:1b",
-       4,
-       OrinLinkConnectionKind::manual},
-      {"replies yesterday",
-       16,
-       {{"repliesTodayDate", "2001-01-01"}, {"repliesTodayCount", 4}},
-       "plain:1b",
-       0,
-       OrinLinkConnectionKind::manual},
-      {"known kind",
-       16,
-       {{"manualEndpointKind", "tailscale"}},
-       "plain:1b",
-       0,
-       OrinLinkConnectionKind::tailscale},
-      {"unknown kind",
-       16,
-       {{"manualEndpointKind", "Tailscale"}},
-       "plain:1b",
-       0,
-       OrinLinkConnectionKind::manual},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    system_.setMemoryGiB(c.memoryGiB);
-    restart(c.settings);
-    const auto p = onMain([&] { return app_->properties(); });
-    EXPECT_EQ(p.activeModel, c.activeModel);
-    EXPECT_EQ(p.repliesToday, c.repliesToday);
-    EXPECT_EQ(p.manualEndpointKind, c.manualKind);
-  }
-}
-
-TEST_F(RuntimeSupervisionTest, AStoredPortOutOfRangeStopsTheStartNamingTheKeyAndFile) {
-  stop();
-  try {
-    start({{"serverPort", 70000}});
-    ADD_FAILURE() << "started with port 70000";
-  } catch (const StartupError& error) {
-    const std::string text = error.what();
-    EXPECT_NE(text.find("\"serverPort\""), std::string::npos) << text;
-    EXPECT_NE(text.find("settings.json"), std::string::npos) << text;
-  }
-}
 
 TEST_F(RuntimeSupervisionTest, RefreshSaysWhatItFound) {
   struct Case {
