@@ -18,6 +18,7 @@
 #include "OrinLink/ui/ControlAPI.h"
 #include "OrinLink/ui/ControlPanelAssets.h"
 #include "OrinLink/ui/TerminalView.h"
+#include "OrinLink/ui/TrayItem.h"
 
 namespace orin {
 
@@ -70,6 +71,13 @@ int runWith(const ApplicationOptions& options, EditionGuard* guard, EventLoop& m
   environment.streamPortOverride = options.streamPort;
   const auto panel = std::make_shared<ControlPanelAddress>();
   environment.desktop = makeDesktopIntegration(options, panel);
+  // The tray stands in for the badge and the windowed presence wherever a session bus exists.
+  TrayItem* tray = nullptr;
+  if (auto item = TrayItem::make(mainLoop.get_executor()); item->hasBus()) {
+    tray = item.get();
+    environment.desktop.presence = std::move(item);
+    environment.desktop.availability.presence = true;
+  }
 
   std::shared_ptr<AppState> app;
   try {
@@ -91,9 +99,10 @@ int runWith(const ApplicationOptions& options, EditionGuard* guard, EventLoop& m
   const std::uint16_t port = options.controlPort.value_or(controlPort(options.configDirectory));
   ControlAPI control(app, secret, port, httpLoop.executor(), mainLoop.get_executor());
   TerminalView view(app, mainLoop.get_executor());
-  control.setOpenPanel([weak = std::weak_ptr(app)] {
+  const auto openPanel = [weak = std::weak_ptr(app)] {
     if (auto owner = weak.lock()) owner->openSettingsWindow();
-  });
+  };
+  control.setOpenPanel(openPanel);
   control.setStateChanged(
       [&, port](bool running, std::uint16_t bound, std::optional<std::string> error) {
         if (running) {
@@ -111,12 +120,15 @@ int runWith(const ApplicationOptions& options, EditionGuard* guard, EventLoop& m
   app->applyDockPolicy();
   app->launch();
 
-  asio::signal_set signals(mainLoop, SIGINT, SIGTERM);
-  signals.async_wait([&](const boost::system::error_code& ec, int) {
-    if (ec) return;
+  const auto quit = [&] {
     app->shutdown();
     control.stop();
     mainLoop.stop();
+  };
+  if (tray != nullptr) tray->follow(app, openPanel, quit);
+  asio::signal_set signals(mainLoop, SIGINT, SIGTERM);
+  signals.async_wait([&](const boost::system::error_code& ec, int) {
+    if (!ec) quit();
   });
   mainLoop.run();
   if (view.isLive()) std::fputs("\n", stdout);
