@@ -67,6 +67,17 @@ class AsyncStream {
         token);
   }
 
+  // A value already buffered, without waiting; nothing when none is (the end included). Lets a
+  // consumer take a burst in one go after next() completed.
+  std::optional<T> tryNext() {
+    if (!state_) return std::nullopt;
+    std::lock_guard lock(state_->mutex);
+    if (state_->waiter || state_->buffer.empty()) return std::nullopt;
+    std::optional<T> value(std::move(state_->buffer.front()));
+    state_->buffer.pop_front();
+    return value;
+  }
+
   void cancel() {
     if (state_) state_->cancel();
   }

@@ -486,7 +486,11 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
         co_await std::move(writing);
         break;
       }
-      auto writing = write(connection, eventStreamData(*chunk));
+      // Tokens that arrived while the last write was out leave together, in one system call.
+      std::string events = eventStreamData(*chunk);
+      while (auto more = stream.tryNext())
+        events += eventStreamData(*more);
+      auto writing = write(connection, std::move(events));
       const bool written = co_await std::move(writing);
       if (!written) break;
     }

@@ -154,6 +154,24 @@ TEST(AsyncStream, BuffersValuesYieldedBeforeTheConsumerWaits) {
   EXPECT_EQ(got.values.back(), count - 1);
 }
 
+// A burst is taken without waiting; the end is left for next(), which alone can report it.
+TEST(AsyncStream, TryNextTakesOnlyWhatIsBuffered) {
+  auto [stream, continuation] = IntStream::make();
+  EXPECT_EQ(stream.tryNext(), std::nullopt);
+  continuation.yield(1);
+  continuation.yield(2);
+  continuation.finish();
+  EXPECT_EQ(stream.tryNext(), 1);
+  EXPECT_EQ(stream.tryNext(), 2);
+  EXPECT_EQ(stream.tryNext(), std::nullopt);
+
+  asio::io_context consumer;
+  auto drained = asio::co_spawn(consumer, drain(std::move(stream), std::this_thread::get_id()),
+                                asio::use_future);
+  consumer.run();
+  EXPECT_TRUE(drained.get().values.empty());
+}
+
 // How a consumer leaves a stream whose producer is still open.
 enum class Departure { cancelWait, destroyStream };
 
