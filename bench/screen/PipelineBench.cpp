@@ -179,7 +179,9 @@ int runHost(const Options& options) {
       liveEncoder = &encoder;
     }
     orin::screen::DisplayCaptureEngine capture(
-        [&encoder](const CapturedFrame& frame) { encoder.encode(frame); }, {});
+        std::make_shared<orin::screen::X11DisplayBackend>(),
+        [&encoder](const CapturedFrame& frame) { encoder.encode(frame); }, {},
+        [&encoder] { return encoder.readyAt(); });
     capture.start(displayOfSize(capture, options), options.width, options.height, options.fps);
     std::cout << "port " << port << std::endl;
 
