@@ -192,6 +192,8 @@ void AppState::readSettings() {
   // Read as it is stored, so that absence (and anything but a Boolean) means on.
   const auto sound = settings_.object("pairingSoundEnabled");
   p_.pairingSoundEnabled = !sound || !sound->is_boolean() || sound->get<bool>();
+  const auto openPanel = settings_.object("openPanelAtLaunch");
+  p_.openPanelAtLaunch = !openPanel || !openPanel->is_boolean() || openPanel->get<bool>();
   p_.connectNotificationsEnabled = settings_.boolean("connectNotificationsEnabled");
   p_.lastRequestedModel = settings_.string("lastRequestedModel");
   p_.repliesToday = settings_.string("repliesTodayDate") == localDay(env_.clock())
@@ -232,7 +234,7 @@ void AppState::launch() {
         co_await self->refreshRuntimeStatus();
       },
       asio::detached);
-  openSettingsWindow();
+  if (p_.openPanelAtLaunch) openSettingsWindow();
 }
 
 void AppState::shutdown() {
@@ -394,6 +396,11 @@ void AppState::setShowInDock(bool show) {
 void AppState::setPairingSoundEnabled(bool on) {
   set(&Properties::pairingSoundEnabled, on, "pairingSoundEnabled");
   settings_.set("pairingSoundEnabled", on);
+}
+
+void AppState::setOpenPanelAtLaunch(bool on) {
+  set(&Properties::openPanelAtLaunch, on, "openPanelAtLaunch");
+  settings_.set("openPanelAtLaunch", on);
 }
 
 void AppState::setConnectNotificationsEnabled(bool on) {

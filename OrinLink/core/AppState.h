@@ -117,6 +117,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   void setHasSeenGuide(bool seen);
   void setShowInDock(bool show);
   void setPairingSoundEnabled(bool on);
+  void setOpenPanelAtLaunch(bool on);
   void setConnectNotificationsEnabled(bool on);
   // Dismissing the guide also remembers that it was seen.
   void setGuidePresented(bool presented);
@@ -187,6 +188,8 @@ class AppState : public std::enable_shared_from_this<AppState> {
     bool isGuidePresented = true;
     bool showInDock = false;
     bool pairingSoundEnabled = true;
+    // The control panel opens at every start unless the user turned that off.
+    bool openPanelAtLaunch = true;
     bool connectNotificationsEnabled = false;
     std::optional<PullProgress> pullProgress;
     std::optional<std::string> pullPausedModel;

@@ -11,6 +11,7 @@
 #include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/core/Diagnostics.h"
+#include "OrinLink/ui/ControlClient.h"
 #include "OrinLink/ui/ControlPanelAssets.h"
 
 namespace orin {
@@ -77,11 +78,8 @@ std::filesystem::path ControlAPI::defaultSecretFile() {
 }
 
 std::string ControlAPI::loadOrCreateSecret(const std::filesystem::path& file) {
-  if (auto existing = readFile(file)) {
-    std::string secret(*existing);
-    while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r'))
-      secret.pop_back();
-    if (secret.size() >= 32) return secret;
+  if (auto existing = readControlSecret(file); existing && existing->size() >= 32) {
+    return *existing;
   }
   unsigned char bytes[32];
   if (RAND_bytes(bytes, sizeof bytes) != 1) throw Error("Could not create the control secret.");
@@ -125,21 +123,28 @@ std::uint16_t ControlAPI::port() const {
   return server_->port();
 }
 
+namespace {
+
+// Host and Origin must name this server by one of the loopback names, on its own port.
+bool namesLoopback(std::string_view value, std::string_view scheme, std::uint16_t port) {
+  const std::string suffix = ":" + std::to_string(port);
+  for (const std::string_view host : {"127.0.0.1", "localhost", "[::1]"}) {
+    if (value == std::string(scheme) + std::string(host) + suffix) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 bool ControlAPI::hostAllowed(const HTTPRequest& request) const {
   const auto it = request.headers.find("host");
-  if (it == request.headers.end()) return false;
-  const std::string port = std::to_string(server_->port());
-  return it->second == "127.0.0.1:" + port || it->second == "localhost:" + port ||
-         it->second == "[::1]:" + port;
+  return it != request.headers.end() && namesLoopback(it->second, "", server_->port());
 }
 
 bool ControlAPI::originAllowed(const HTTPRequest& request) const {
   const auto it = request.headers.find("origin");
   // Browsers always name the origin of a cross-site request; other clients need not.
-  if (it == request.headers.end()) return true;
-  const std::string port = std::to_string(server_->port());
-  return it->second == "http://127.0.0.1:" + port || it->second == "http://localhost:" + port ||
-         it->second == "http://[::1]:" + port;
+  return it == request.headers.end() || namesLoopback(it->second, "http://", server_->port());
 }
 
 bool ControlAPI::hasSecret(const HTTPRequest& request) const {
@@ -219,13 +224,15 @@ void applySettings(AppState& app, const json::ObjectReader& args) {
   const auto seenGuide = args.optional<bool>("hasSeenGuide");
   const auto showInDock = args.optional<bool>("showInDock");
   const auto sound = args.optional<bool>("pairingSoundEnabled");
+  const auto openPanel = args.optional<bool>("openPanelAtLaunch");
   const auto notifications = args.optional<bool>("connectNotificationsEnabled");
 
   if (seenGuide) app.setHasSeenGuide(*seenGuide);
   if (showInDock) app.setShowInDock(*showInDock);
+  if (openPanel) app.setOpenPanelAtLaunch(*openPanel);
   if (sound) app.setPairingSoundEnabled(*sound);
   if (notifications) app.setConnectNotificationsEnabled(*notifications);
-  const bool onlyImmediate = seenGuide || showInDock || sound || notifications;
+  const bool onlyImmediate = seenGuide || showInDock || sound || notifications || openPanel;
   if (onlyImmediate && !port && !model && !url && !reliability && !login && !host && !kind) return;
 
   auto& p = app.editableProperties();
@@ -506,6 +513,7 @@ Ordered ControlAPI::snapshot(const AppState& app) {
       {"isGuidePresented", p.isGuidePresented},
       {"showInDock", p.showInDock},
       {"pairingSoundEnabled", p.pairingSoundEnabled},
+      {"openPanelAtLaunch", p.openPanelAtLaunch},
       {"connectNotificationsEnabled", p.connectNotificationsEnabled},
       {"badge", optionalText(p.badge)},
   };

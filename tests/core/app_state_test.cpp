@@ -92,6 +92,8 @@ TEST_F(AppStateTest, SettingsAreReadWithTheirRules) {
       {"sound as number", 16, {{"pairingSoundEnabled", 0}}, "/pairingSoundEnabled", true},
       {"sound as text", 16, {{"pairingSoundEnabled", "no"}}, "/pairingSoundEnabled", true},
       {"sound null", 16, {{"pairingSoundEnabled", nullptr}}, "/pairingSoundEnabled", true},
+      {"fresh panel at start", 16, fresh, "/openPanelAtLaunch", true},
+      {"panel kept closed", 16, {{"openPanelAtLaunch", false}}, "/openPanelAtLaunch", false},
       {"presence as text", 16, {{"showInDock", "yes"}}, "/showInDock", true},
       {"notifications",
        16,
@@ -317,6 +319,8 @@ TEST_F(AppStateTest, ImmediateSettingsAreStoredAndApplied) {
        [](const DesktopRecord&, const auto& p) { return !p.pairingSoundEnabled; }},
       {"connectNotificationsEnabled", [](AppState& a) { a.setConnectNotificationsEnabled(true); },
        true, [](const DesktopRecord& d, const auto&) { return d.authorizationRequests == 1; }},
+      {"openPanelAtLaunch", [](AppState& a) { a.setOpenPanelAtLaunch(false); }, false,
+       [](const DesktopRecord&, const auto& p) { return !p.openPanelAtLaunch; }},
       {"hasSeenGuide", [](AppState& a) { a.setGuidePresented(false); }, true,
        [](const DesktopRecord&, const auto& p) { return p.hasSeenGuide && !p.isGuidePresented; }},
   };
