@@ -15,14 +15,11 @@ using orin::ControlClient;
 
 ControlClient connect(const std::filesystem::path& configDirectory,
                       std::optional<std::uint16_t> port) {
-  const auto secret = orin::readFile(configDirectory / "control-secret");
+  auto secret = orin::readControlSecret(configDirectory / "control-secret");
   if (!secret) {
     throw orin::Error("Orin Link has not run for this user yet. Start it with: orinlink");
   }
-  std::string text = *secret;
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-    text.pop_back();
-  return ControlClient(port.value_or(orin::controlPort(configDirectory)), text);
+  return ControlClient(port.value_or(orin::controlPort(configDirectory)), std::move(*secret));
 }
 
 std::string minutesAndSeconds(std::int64_t seconds) {

@@ -140,9 +140,13 @@ std::optional<std::string> readFile(const fs::path& path) {
   }
 }
 
-fs::path defaultConfigDirectory() {
+fs::path configHome() {
   const auto base = xdgDirectory("XDG_CONFIG_HOME");
-  return (base ? *base : homeDirectory() / ".config") / "OrinLink";
+  return base ? *base : homeDirectory() / ".config";
+}
+
+fs::path defaultConfigDirectory() {
+  return configHome() / "OrinLink";
 }
 
 fs::path defaultDataDirectory() {

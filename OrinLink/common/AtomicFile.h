@@ -27,6 +27,9 @@ void createPrivateDirectory(const std::filesystem::path& path, mode_t mode);
 // The whole file, or nothing when it cannot be read.
 std::optional<std::string> readFile(const std::filesystem::path& path);
 
+// $XDG_CONFIG_HOME, or ~/.config when it is unset or not an absolute path.
+std::filesystem::path configHome();
+
 // $XDG_CONFIG_HOME or ~/.config, and $XDG_DATA_HOME or ~/.local/share, each followed by
 // "OrinLink".
 std::filesystem::path defaultConfigDirectory();

@@ -133,12 +133,9 @@ int reopen(const EditionGuard& guard) {
     return 1;
   }
   try {
-    const auto secret = readFile(copy->secretFile);
+    auto secret = readControlSecret(copy->secretFile);
     if (!secret) throw Error("Could not read " + copy->secretFile.string() + ".");
-    std::string text = *secret;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-      text.pop_back();
-    ControlClient(*copy->controlPort, text).post("/api/panel/open");
+    ControlClient(*copy->controlPort, std::move(*secret)).post("/api/panel/open");
   } catch (...) {
     std::fprintf(stderr,
                  "orinlink: Orin Link is already running (process %d), but did not open its "

@@ -119,7 +119,7 @@ void LogindSleepPrevention::release() {
 // ---- start at login ----
 
 fs::path XdgAutostartLoginItem::defaultFolder() {
-  return fs::path(envOr("XDG_CONFIG_HOME", envOr("HOME", "/") + "/.config")) / "autostart";
+  return configHome() / "autostart";
 }
 
 namespace {

@@ -198,36 +198,32 @@ struct TrayItem::Impl : std::enable_shared_from_this<Impl> {
       close();
       return;
     }
-    const std::weak_ptr<Impl> weak = weak_from_this();
-    if (!readArmed) {
-      readArmed = true;
-      descriptor->async_wait(asio::posix::stream_descriptor::wait_read,
-                             [weak](const boost::system::error_code& error) {
-                               auto self = weak.lock();
-                               if (!self) return;
-                               self->readArmed = false;
-                               if (!error) self->pump();
-                             });
-    }
-    if ((events & POLLOUT) != 0 && !writeArmed) {
-      writeArmed = true;
-      descriptor->async_wait(asio::posix::stream_descriptor::wait_write,
-                             [weak](const boost::system::error_code& error) {
-                               auto self = weak.lock();
-                               if (!self) return;
-                               self->writeArmed = false;
-                               if (!error) self->pump();
-                             });
+    awaitDescriptor(asio::posix::stream_descriptor::wait_read, &Impl::readArmed);
+    if ((events & POLLOUT) != 0) {
+      awaitDescriptor(asio::posix::stream_descriptor::wait_write, &Impl::writeArmed);
     }
     std::uint64_t until = 0;
     if (sd_bus_get_timeout(bus, &until) >= 0 && until != UINT64_MAX) {
       const std::uint64_t now = monotonicMicroseconds();
       timer->expires_after(std::chrono::microseconds(until > now ? until - now : 0));
-      timer->async_wait([weak](const boost::system::error_code& error) {
+      timer->async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
         auto self = weak.lock();
         if (self && !error) self->pump();
       });
     }
+  }
+
+  // At most one wait per direction; `armed` says one is pending.
+  void awaitDescriptor(asio::posix::stream_descriptor::wait_type direction, bool Impl::*armed) {
+    if (this->*armed) return;
+    this->*armed = true;
+    descriptor->async_wait(
+        direction, [weak = weak_from_this(), armed](const boost::system::error_code& error) {
+          auto self = weak.lock();
+          if (!self) return;
+          self.get()->*armed = false;
+          if (!error) self->pump();
+        });
   }
 
   void keep(sd_bus_slot* slot) { slots.push_back(slot); }

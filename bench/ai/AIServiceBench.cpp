@@ -332,10 +332,8 @@ ordered_json runStartup(const Options& options, const fs::path& work, const std:
   for (std::size_t i = 0; i <= options.starts; ++i) {
     const std::uint16_t port = freeLoopbackPort();
     const auto started = Clock::now();
-    ChildProcess child({options.orinlink, "--config-dir", prepared.configDirectory().string(),
-                        "--data-dir", prepared.dataDirectory().string(), "--port",
-                        std::to_string(port), "--control-port", "0", "--no-advertise"},
-                       work / "start.out", work / "start.err");
+    ChildProcess child(prepared.command(port), work / "start.out", work / "start.err",
+                       prepared.environment());
     std::optional<double> took;
     while (Clock::now() - started < seconds(20)) {
       if (connectLoopback(port, milliseconds(100)).valid()) {

@@ -39,16 +39,47 @@ void pause(std::chrono::milliseconds time) {
   std::this_thread::sleep_for(time);
 }
 
+// The arguments and environment as exec takes them, made before fork: from there to exec the
+// child may only make async-signal-safe calls.
+class ExecArguments {
+ public:
+  ExecArguments(const std::vector<std::string>& argv, const EnvironmentChanges& changes)
+      : words_(argv) {
+    if (words_.empty()) fail("nothing to run");
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+      const std::string_view entry(*variable);
+      if (!changes.contains(std::string(entry.substr(0, entry.find('='))))) {
+        variables_.emplace_back(entry);
+      }
+    }
+    for (const auto& [name, value] : changes) {
+      if (value) variables_.push_back(name + "=" + *value);
+    }
+    for (std::string& word : words_)
+      argv_.push_back(word.data());
+    argv_.push_back(nullptr);
+    for (std::string& variable : variables_)
+      envp_.push_back(variable.data());
+    envp_.push_back(nullptr);
+  }
+
+  [[noreturn]] void exec() {
+    ::execvpe(argv_[0], argv_.data(), envp_.data());
+    ::_exit(127);
+  }
+
+ private:
+  std::vector<std::string> words_;
+  std::vector<std::string> variables_;
+  std::vector<char*> argv_;
+  std::vector<char*> envp_;
+};
+
 }  // namespace
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const fs::path& out,
-                           const fs::path& err) {
-  if (argv.empty()) fail("nothing to run");
-  std::vector<std::string> words = argv;
-  std::vector<char*> pointers;
-  for (std::string& word : words)
-    pointers.push_back(word.data());
-  pointers.push_back(nullptr);
+                           const fs::path& err, const EnvironmentChanges& environment) {
+  ExecArguments arguments(argv, environment);
   const std::string outPath = out.string();
   const std::string errPath = err.string();
   const pid_t parent = ::getpid();
@@ -66,8 +97,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const fs::path&
     ::dup2(e, STDERR_FILENO);
     // Sockets of this process must not stay open in the child.
     ::close_range(3, ~0U, 0);
-    ::execvp(pointers[0], pointers.data());
-    ::_exit(127);
+    arguments.exec();
   }
   pid_ = pid;
 }
@@ -128,14 +158,11 @@ int ChildProcess::stop(std::chrono::milliseconds grace) {
   return status_.value_or(-1);
 }
 
-std::string runAndCapture(const std::vector<std::string>& argv, std::chrono::milliseconds bound) {
+std::string runAndCapture(const std::vector<std::string>& argv, std::chrono::milliseconds bound,
+                          const EnvironmentChanges& environment) {
+  ExecArguments arguments(argv, environment);
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) fail("pipe failed");
-  std::vector<std::string> words = argv;
-  std::vector<char*> pointers;
-  for (std::string& word : words)
-    pointers.push_back(word.data());
-  pointers.push_back(nullptr);
   const pid_t pid = ::fork();
   if (pid < 0) fail("fork failed");
   if (pid == 0) {
@@ -145,8 +172,7 @@ std::string runAndCapture(const std::vector<std::string>& argv, std::chrono::mil
     ::dup2(ends[1], STDOUT_FILENO);
     ::dup2(in, STDERR_FILENO);
     ::close_range(3, ~0U, 0);
-    ::execvp(pointers[0], pointers.data());
-    ::_exit(127);
+    arguments.exec();
   }
   ::close(ends[1]);
   std::string out;
@@ -746,7 +772,27 @@ OrinLinkProcess::OrinLinkProcess(fs::path binary, fs::path workDirectory,
   fs::remove_all(work_);
   fs::create_directories(config_);
   fs::create_directories(data_);
+  fs::create_directories(work_ / "run");
+  fs::permissions(work_ / "run", fs::perms::owner_all);
   std::ofstream(config_ / "settings.json") << settings.dump(2) << '\n';
+}
+
+std::vector<std::string> OrinLinkProcess::command(std::uint16_t port) const {
+  std::vector<std::string> words{binary_.string(), "--config-dir", config_.string(), "--data-dir",
+                                 data_.string()};
+  words.insert(words.end(), {"--port", std::to_string(port), "--control-port", "0", "--stream-port",
+                             "0", "--no-advertise", "--no-open"});
+  return words;
+}
+
+EnvironmentChanges OrinLinkProcess::environment() const {
+  const fs::path run = work_ / "run";
+  return {{"XDG_RUNTIME_DIR", run.string()},
+          {"XDG_CONFIG_HOME", (work_ / "xdg-config").string()},
+          {"XDG_DATA_HOME", (work_ / "xdg-data").string()},
+          {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (run / "no-bus").string()},
+          {"DISPLAY", std::nullopt},
+          {"WAYLAND_DISPLAY", std::nullopt}};
 }
 
 namespace {
@@ -766,9 +812,7 @@ std::optional<std::uint16_t> numberAfter(const std::string& text, std::string_vi
 }  // namespace
 
 void OrinLinkProcess::start(std::chrono::milliseconds bound) {
-  process_ = ChildProcess({binary_.string(), "--config-dir", config_.string(), "--data-dir",
-                           data_.string(), "--port", "0", "--control-port", "0", "--no-advertise"},
-                          outputFile(), errorFile());
+  process_ = ChildProcess(command(0), outputFile(), errorFile(), environment());
   const auto deadline = Clock::now() + bound;
   while (Clock::now() < deadline) {
     const std::string out = readTextFile(outputFile());
@@ -795,7 +839,7 @@ std::string OrinLinkProcess::pairingCode() const {
   std::string code =
       runAndCapture({binary_.string(), "--config-dir", config_.string(), "--control-port",
                      std::to_string(controlPort_), "pair", "--code-only"},
-                    std::chrono::seconds(10));
+                    std::chrono::seconds(10), environment());
   while (!code.empty() && (code.back() == '\n' || code.back() == '\r'))
     code.pop_back();
   if (code.empty()) fail("orinlink pair --code-only printed nothing");

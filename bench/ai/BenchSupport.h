@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -27,12 +28,16 @@ namespace fs = std::filesystem;
 
 // --- Processes ----------------------------------------------------------------------------------
 
+// Variables a child gets on top of this process's environment; nothing removes one.
+using EnvironmentChanges = std::map<std::string, std::optional<std::string>>;
+
 // A child process with its output in files. It gets SIGTERM if this process dies first, so a
 // crashed benchmark leaves nothing running.
 class ChildProcess {
  public:
   ChildProcess() = default;
-  ChildProcess(const std::vector<std::string>& argv, const fs::path& out, const fs::path& err);
+  ChildProcess(const std::vector<std::string>& argv, const fs::path& out, const fs::path& err,
+               const EnvironmentChanges& environment = {});
   ~ChildProcess();
   ChildProcess(ChildProcess&& other) noexcept;
   ChildProcess& operator=(ChildProcess&& other) noexcept;
@@ -53,7 +58,8 @@ class ChildProcess {
 };
 
 // Runs a command to its end (at most the bound) and returns what it printed on stdout.
-std::string runAndCapture(const std::vector<std::string>& argv, std::chrono::milliseconds bound);
+std::string runAndCapture(const std::vector<std::string>& argv, std::chrono::milliseconds bound,
+                          const EnvironmentChanges& environment = {});
 
 struct Memory {
   long rssKiB = 0;
@@ -205,10 +211,16 @@ class TokenTap {
 // --- orinlink -----------------------------------------------------------------------------------
 
 // orinlink on ports of its own choosing, with its config and data under one work directory and
-// its output in files there.
+// its output in files there. Its desktop is a private one under the work directory too: it
+// neither finds the user's running copy (which would turn the start into a reopen) nor touches
+// the user's session bus, autostart entry or browser.
 class OrinLinkProcess {
  public:
   OrinLinkProcess(fs::path binary, fs::path workDirectory, const nlohmann::json& settings);
+
+  // How to start it serving the AI service on `port` (0: any free port).
+  std::vector<std::string> command(std::uint16_t port) const;
+  EnvironmentChanges environment() const;
 
   // Starts it and waits until both its servers are listening.
   void start(std::chrono::milliseconds bound = std::chrono::seconds(30));

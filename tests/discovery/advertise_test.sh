@@ -51,7 +51,14 @@ else
 fi
 
 echo '{"ollamaBaseURL": "http://127.0.0.1:9"}' > "$work/settings.json"
-"$orinlink" --config-dir "$work" --data-dir "$work/data" --port 0 --control-port 0 \
+mkdir -m 700 "$work/run"
+# A desktop of its own: the user's running copy would turn this start into a reopen, and nothing
+# may reach the user's session bus, autostart entry or browser. Avahi is on the system bus.
+env -u DISPLAY -u WAYLAND_DISPLAY XDG_RUNTIME_DIR="$work/run" \
+  XDG_CONFIG_HOME="$work/xdg-config" XDG_DATA_HOME="$work/xdg-data" \
+  DBUS_SESSION_BUS_ADDRESS="unix:path=$work/run/no-bus" \
+  "$orinlink" --config-dir "$work" --data-dir "$work/data" --port 0 --control-port 0 \
+  --stream-port 0 --no-open \
   > "$work/out.txt" 2>&1 &
 app_pid=$!
 eventually grep -q "Server started on port" "$work/out.txt"

@@ -169,8 +169,11 @@ test('the first-run guide shows once and is dismissed for good', async () => {
   if (!('isGuidePresented' in state)) return;
   await page.waitForSelector('#guide[open]');
   await shoot('guide');
+  // The dialog closes at once; the application hears of it when the page's request is answered.
+  const told = page.waitForResponse((response) => new URL(response.url()).pathname === '/api/guide');
   await page.click('#guide-done');
   await page.waitForFunction(() => !document.querySelector('#guide').open);
+  await told;
   const after = await api('/api/state');
   assert.equal(after.hasSeenGuide, true);
   assert.equal(after.isGuidePresented, false);
