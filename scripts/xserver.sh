@@ -13,6 +13,7 @@
 #   --size WxH      screen size (default 1920x1080)
 #   --xorg          Xorg with the dummy driver instead of Xvfb: real RandR outputs DUMMY0 to
 #                   DUMMY15 (DUMMY1 on are off until given a mode: xrandr --newmode, --addmode)
+#   --bare          Xvfb without RandR and MIT-SHM, as a remote or minimal server would be
 #   --pattern FPS   also run the animated, time-stamped test pattern at FPS frames per second
 #                   (needs the orin-test-pattern binary: ORIN_TEST_PATTERN or build/*/tools/...)
 #
@@ -21,7 +22,7 @@
 set -euo pipefail
 
 usage() {
-  sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//' >&2
+  sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//' >&2
   exit 2
 }
 
@@ -34,6 +35,7 @@ parse_options() {
     case "$1" in
       --size) size="${2:?}"; shift 2 ;;
       --xorg) server=xorg; shift ;;
+      --bare) server=bare; shift ;;
       --pattern) pattern_fps="${2:?}"; shift 2 ;;
       --) shift; command_args=("$@"); return ;;
       *) usage ;;
@@ -122,7 +124,9 @@ start_server() {
       -noreset -nolisten tcp -novtswitch -sharevts \
       3>"$number_file" </dev/null >"$server_dir/server.out" 2>&1 &
   else
-    setsid Xvfb -displayfd 3 -screen 0 "${w}x${h}x24" +extension RANDR -noreset -nolisten tcp \
+    local extensions=(+extension RANDR)
+    [ "$server" = bare ] && extensions=(-extension RANDR -extension MIT-SHM)
+    setsid Xvfb -displayfd 3 -screen 0 "${w}x${h}x24" "${extensions[@]}" -noreset -nolisten tcp \
       3>"$number_file" </dev/null >"$server_dir/server.out" 2>&1 &
   fi
   server_pid=$!
@@ -148,12 +152,21 @@ start_pattern() {
   echo $! >"$server_dir/pattern.pid"
 }
 
+# A server that has exited waits as a zombie until whoever adopted it reaps it, which some
+# init processes take seconds to do.
+running() {
+  local state
+  # The fields of /proc/PID/stat after "PID (comm)"; both servers' names have no spaces.
+  read -r _ _ state _ 2>/dev/null <"/proc/$1/stat" || return 1
+  [ "$state" != Z ]
+}
+
 stop_all() {
   local dir=$1 pid=$2
   if [ -f "$dir/pattern.pid" ]; then kill "$(cat "$dir/pattern.pid")" 2>/dev/null || true; fi
   if kill "$pid" 2>/dev/null; then
     for _ in $(seq 100); do
-      kill -0 "$pid" 2>/dev/null || break
+      running "$pid" || break
       sleep 0.05
     done
   fi

@@ -8,10 +8,9 @@ gtest_discover_tests(virtual_display_tests DISCOVERY_TIMEOUT 60)
 
 add_executable(x11_virtual_display_tests x11_virtual_display_test.cpp)
 target_link_libraries(x11_virtual_display_tests PRIVATE OrinLinkVirtualDisplay OrinLinkCapture
-  GTest::gtest GTest::gtest_main)
+  orin_x_test_support GTest::gtest GTest::gtest_main)
 target_compile_definitions(x11_virtual_display_tests PRIVATE
-  WATCHDOG_PATH="$<TARGET_FILE:orinlink-display-watchdog>"
-  XSERVER_SCRIPT="${PROJECT_SOURCE_DIR}/scripts/xserver.sh")
+  WATCHDOG_PATH="$<TARGET_FILE:orinlink-display-watchdog>")
 add_dependencies(x11_virtual_display_tests orinlink-display-watchdog)
 orin_set_warnings(x11_virtual_display_tests)
 gtest_discover_tests(x11_virtual_display_tests DISCOVERY_TIMEOUT 60)

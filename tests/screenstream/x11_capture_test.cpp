@@ -1,27 +1,13 @@
-// The X11 capture against a real X server: an Xvfb of its own on a free display number, with the
-// time-stamped test pattern running on it.
+// The X11 capture against a real X server: an Xvfb of its own with the time-stamped test pattern
+// running on it.
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <mutex>
 #include <optional>
-#include <poll.h>
-#include <spawn.h>
 #include <string>
-#include <sys/stat.h>
-#include <sys/uio.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 #include <vector>
-#include <xcb/randr.h>
-#include <xcb/xcb.h>
-#include <xcb/xcbext.h>
 
 #include <gtest/gtest.h>
 
@@ -29,150 +15,28 @@
 #include "OrinLink/screenstream/X11DisplayBackend.h"
 
 #include "TestStamp.h"
-
-extern char** environ;
+#include "tests/support/Eventually.h"
+#include "tests/support/XServerProcess.h"
 
 namespace orin::screen {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+using testing_support::eventually;
+using testing_support::XServerKind;
+using testing_support::XServerProcess;
 
-template <typename Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds limit = 10s) {
-  auto deadline = Clock::now() + limit;
-  while (!predicate()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
+std::unique_ptr<XServerProcess> startServer(XServerKind kind) {
+  return XServerProcess::start({kind, "1920x1080", 30});
 }
 
-std::optional<std::string> findProgram(const std::string& name) {
-  const char* path = std::getenv("PATH");
-  std::string dirs = path ? path : "/usr/bin:/bin";
-  std::size_t at = 0;
-  while (at <= dirs.size()) {
-    std::size_t end = dirs.find(':', at);
-    if (end == std::string::npos) end = dirs.size();
-    std::string candidate = dirs.substr(at, end - at) + "/" + name;
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
-    at = end + 1;
-  }
-  return std::nullopt;
+// ORIN-SIDE, a RandR monitor of our own: 640 × 480 at (200, 100), or its removal.
+void setSideMonitor(const XServerProcess& server, bool present) {
+  const std::string change =
+      present ? "--setmonitor ORIN-SIDE 640/100x480/100+200+100 none" : "--delmonitor ORIN-SIDE";
+  const std::string display = testing_support::shellQuoted(server.display());
+  ASSERT_EQ(testing_support::runShell("xrandr -d " + display + " " + change).second, 0);
 }
-
-pid_t spawn(const std::vector<std::string>& argv, posix_spawn_file_actions_t* actions) {
-  std::vector<char*> args;
-  for (const auto& a : argv)
-    args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, args[0], actions, nullptr, args.data(), environ) != 0) return -1;
-  return pid;
-}
-
-void terminate(pid_t& pid) {
-  if (pid <= 0) return;
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
-  pid = -1;
-}
-
-// Xvfb on the first free display number (it reports the number through -displayfd), plus the
-// test pattern drawing on it.
-class XServer {
- public:
-  // `randr` false starts a bare server: no RandR and no MIT-SHM.
-  static std::unique_ptr<XServer> start(bool randr = true) {
-    auto xvfb = findProgram("Xvfb");
-    if (!xvfb) return nullptr;
-    auto server = std::unique_ptr<XServer>(new XServer);
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return nullptr;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 3);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<std::string> args = {*xvfb, "-displayfd", "3", "-screen", "0", "1920x1080x24"};
-    args.insert(args.end(), {"-noreset", "-nolisten", "tcp"});
-    args.insert(args.end(), {randr ? "+extension" : "-extension", "RANDR"});
-    if (!randr) args.insert(args.end(), {"-extension", "MIT-SHM"});
-    server->xvfb_ = spawn(args, &actions);
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    std::string number;
-    pollfd reader{fds[0], POLLIN, 0};
-    auto deadline = Clock::now() + 20s;
-    while (number.find('\n') == std::string::npos && Clock::now() < deadline) {
-      if (poll(&reader, 1, 100) <= 0) continue;
-      char buffer[16];
-      ssize_t n = read(fds[0], buffer, sizeof buffer);
-      if (n <= 0) break;
-      number.append(buffer, static_cast<std::size_t>(n));
-    }
-    close(fds[0]);
-    if (number.find('\n') == std::string::npos) return nullptr;
-    server->display_ = ":" + number.substr(0, number.find('\n'));
-
-    posix_spawn_file_actions_t quiet;
-    posix_spawn_file_actions_init(&quiet);
-    posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
-    server->pattern_ =
-        spawn({TEST_PATTERN_PATH, "--fps", "30", "--display", server->display_}, &quiet);
-    posix_spawn_file_actions_destroy(&quiet);
-    return server;
-  }
-
-  ~XServer() {
-    terminate(pattern_);
-    terminate(xvfb_);
-  }
-
-  const std::string& display() const { return display_; }
-
-  // A RandR monitor of our own over part of the screen, or its removal (width 0).
-  void setMonitor(const std::string& name, int x, int y, int width, int height) {
-    xcb_connection_t* c = xcb_connect(display_.c_str(), nullptr);
-    xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
-    auto* atom = xcb_intern_atom_reply(
-        c, xcb_intern_atom(c, 0, static_cast<std::uint16_t>(name.size()), name.c_str()), nullptr);
-    if (width == 0) {
-      free(xcb_request_check(c, xcb_randr_delete_monitor_checked(c, root, atom->atom)));
-    } else {
-      // Sent by hand: libxcb 1.15's xcb_randr_set_monitor leaves part of its request vector
-      // unset and fails at random.
-      struct {
-        std::uint8_t major = 0;
-        std::uint8_t minor = XCB_RANDR_SET_MONITOR;
-        std::uint16_t length = 0;
-        xcb_window_t window = 0;
-        xcb_randr_monitor_info_t info{};
-      } request;
-      request.window = root;
-      request.info.name = atom->atom;
-      request.info.x = static_cast<std::int16_t>(x);
-      request.info.y = static_cast<std::int16_t>(y);
-      request.info.width = static_cast<std::uint16_t>(width);
-      request.info.height = static_cast<std::uint16_t>(height);
-      request.info.width_in_millimeters = 100;
-      request.info.height_in_millimeters = 100;
-      iovec parts[4] = {{}, {}, {&request, sizeof request}, {}};
-      xcb_protocol_request_t protocol{1, &xcb_randr_id, XCB_RANDR_SET_MONITOR, 1};
-      xcb_void_cookie_t cookie{xcb_send_request(c, XCB_REQUEST_CHECKED, parts + 2, &protocol)};
-      free(xcb_request_check(c, cookie));
-    }
-    free(atom);
-    xcb_disconnect(c);
-  }
-
- private:
-  XServer() = default;
-  pid_t xvfb_ = -1;
-  pid_t pattern_ = -1;
-  std::string display_;
-};
 
 struct Seen {
   int width = 0;
@@ -186,8 +50,9 @@ struct Seen {
 class X11CaptureTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    server = XServer::start();
-    if (!server) GTEST_SKIP() << "Xvfb is not available";
+    if (auto missing = XServerProcess::unavailable(XServerKind::xvfb)) GTEST_SKIP() << *missing;
+    server = startServer(XServerKind::xvfb);
+    ASSERT_TRUE(server) << "Xvfb did not start";
     backend = std::make_shared<X11DisplayBackend>(server->display());
   }
 
@@ -235,7 +100,7 @@ class X11CaptureTest : public ::testing::Test {
     return 0;
   }
 
-  std::unique_ptr<XServer> server;
+  std::unique_ptr<XServerProcess> server;
   std::shared_ptr<X11DisplayBackend> backend;
   std::unique_ptr<DisplayCaptureEngine> engine;
   std::mutex mutex;
@@ -249,7 +114,7 @@ TEST_F(X11CaptureTest, ListsTheRandRMonitorsByName) {
   EXPECT_EQ(engine->availableDisplays(),
             (std::vector<CapturableDisplay>{
                 {displayIdForMonitorName("screen"), "screen (1920\u00D71080)", 1920, 1080}}));
-  server->setMonitor("ORIN-SIDE", 200, 100, 640, 480);
+  setSideMonitor(*server, true);
   auto displays = engine->availableDisplays();
   ASSERT_EQ(displays.size(), 2u);
   EXPECT_TRUE(std::count(displays.begin(), displays.end(),
@@ -313,7 +178,7 @@ TEST_F(X11CaptureTest, HeldFramesPauseTheCaptureAndTheirBuffersComeBack) {
 }
 
 TEST_F(X11CaptureTest, AMonitorRemovedMidCaptureStopsItWithDisplayNotFound) {
-  server->setMonitor("ORIN-SIDE", 200, 100, 640, 480);
+  setSideMonitor(*server, true);
   makeEngine();
   engine->start(displayIdForMonitorName("ORIN-SIDE"), 1280, 960, 30);
   ASSERT_TRUE(eventually([&] { return frameCount() >= 2; }));
@@ -322,7 +187,7 @@ TEST_F(X11CaptureTest, AMonitorRemovedMidCaptureStopsItWithDisplayNotFound) {
     EXPECT_EQ(frames.back().width, 640);
     EXPECT_EQ(frames.back().height, 480);
   }
-  server->setMonitor("ORIN-SIDE", 0, 0, 0, 0);
+  setSideMonitor(*server, false);
   ASSERT_TRUE(eventually([&] {
     std::lock_guard lock(mutex);
     return !stops.empty();
@@ -345,8 +210,9 @@ TEST_F(X11CaptureTest, AnUnknownDisplayIdIsNotFound) {
 }
 
 TEST(X11BareServer, CapturesTheWholeScreenWithoutRandROrSharedMemory) {
-  auto server = XServer::start(false);
-  if (!server) GTEST_SKIP() << "Xvfb is not available";
+  if (auto missing = XServerProcess::unavailable(XServerKind::bareXvfb)) GTEST_SKIP() << *missing;
+  auto server = startServer(XServerKind::bareXvfb);
+  ASSERT_TRUE(server) << "Xvfb did not start";
   auto backend = std::make_shared<X11DisplayBackend>(server->display());
   std::mutex mutex;
   std::vector<teststamp::Stamp> stamps;
@@ -370,14 +236,7 @@ TEST(X11BareServer, CapturesTheWholeScreenWithoutRandROrSharedMemory) {
 }
 
 TEST(X11CaptureUnreachable, NamesTheDisplayItCouldNotReach) {
-  // A display number with neither a socket nor a lock file is not served.
-  int number = 4000;
-  struct stat info {};
-  while (stat(("/tmp/.X11-unix/X" + std::to_string(number)).c_str(), &info) == 0 ||
-         stat(("/tmp/.X" + std::to_string(number) + "-lock").c_str(), &info) == 0) {
-    ++number;
-  }
-  std::string name = ":" + std::to_string(number);
+  const std::string name = testing_support::unservedDisplay();
   X11DisplayBackend backend(name);
   try {
     backend.displays();

@@ -2,16 +2,11 @@
 // RandR outputs, DUMMY1..15 free) and Xvfb (no virtual output: the monitor fallback).
 
 #include <atomic>
-#include <chrono>
+#include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <poll.h>
-#include <sstream>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -22,66 +17,15 @@
 #include "OrinLink/screenstream/X11DisplayBackend.h"
 #include "OrinLink/screenstream/XcbDisplayConfigurator.h"
 
+#include "tests/support/Eventually.h"
+#include "tests/support/XServerProcess.h"
+
 namespace orin::screen {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
-
-template <typename Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds limit = 10s) {
-  auto deadline = Clock::now() + limit;
-  while (!predicate()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
-
-bool onPath(const std::string& program) {
-  return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-// A server from scripts/xserver.sh, stopped with it.
-class XServer {
- public:
-  static std::unique_ptr<XServer> start(const std::string& options) {
-    std::unique_ptr<FILE, int (*)(FILE*)> script(
-        popen((std::string(XSERVER_SCRIPT) + " start " + options).c_str(), "r"), pclose);
-    if (!script) return nullptr;
-    std::string exports;
-    char buffer[512];
-    while (std::fgets(buffer, sizeof buffer, script.get()))
-      exports += buffer;
-    auto server = std::unique_ptr<XServer>(new XServer);
-    std::istringstream words(exports);
-    for (std::string word; words >> word;) {
-      auto at = word.find('=');
-      if (at == std::string::npos) continue;
-      std::string key = word.substr(0, at);
-      std::string value = word.substr(at + 1);
-      if (key == "DISPLAY") server->display_ = value;
-      if (key == "ORIN_XSERVER_PID") server->pid_ = value;
-      if (key == "ORIN_XSERVER_DIR") server->dir_ = value;
-    }
-    if (server->display_.empty() || server->pid_.empty()) return nullptr;
-    return server;
-  }
-
-  ~XServer() {
-    std::system(
-        ("ORIN_XSERVER_PID=" + pid_ + " ORIN_XSERVER_DIR=" + dir_ + " " + XSERVER_SCRIPT + " stop")
-            .c_str());
-  }
-
-  const std::string& display() const { return display_; }
-
- private:
-  XServer() = default;
-  std::string display_;
-  std::string pid_;
-  std::string dir_;
-};
+using testing_support::eventually;
+using testing_support::XServerKind;
+using testing_support::XServerProcess;
 
 // Everything RandR tells about the screen. Connection states are left out: the dummy driver
 // reports every output it ever drove as connected, and nothing can undo that.
@@ -148,23 +92,21 @@ Captured capture(const std::string& display, std::uint32_t id) {
   return result;
 }
 
-OrinVirtualDisplay::Options optionsFor(const XServer& server) {
+OrinVirtualDisplay::Options optionsFor(const XServerProcess& server) {
   return {server.display(), WATCHDOG_PATH};
 }
 
 class XorgDummyTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    struct stat info {};
-    if (!onPath("Xorg") || stat("/usr/lib/xorg/modules/drivers/dummy_drv.so", &info) != 0) {
-      GTEST_SKIP() << "Xorg with the dummy driver is not installed";
-    }
-    server = XServer::start("--xorg --size 1920x1080");
+    if (auto missing = XServerProcess::unavailable(XServerKind::xorgDummy))
+      GTEST_SKIP() << *missing;
+    server = XServerProcess::start({XServerKind::xorgDummy});
     ASSERT_TRUE(server) << "Xorg did not start";
     original = snapshot(server->display());
   }
 
-  std::unique_ptr<XServer> server;
+  std::unique_ptr<XServerProcess> server;
   Snapshot original;
 };
 
@@ -269,14 +211,14 @@ TEST_F(XorgDummyTest, TheWatchdogRestoresEverythingAfterSigkill) {
 class XvfbTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!onPath("Xvfb")) GTEST_SKIP() << "Xvfb is not installed";
+    if (auto missing = XServerProcess::unavailable(XServerKind::xvfb)) GTEST_SKIP() << *missing;
   }
 };
 
 TEST_F(XvfbTest, ABareMonitorOverTheGrownFramebuffer) {
   // Xvfb's framebuffer can grow back to the size it started with, so it starts wide and is
   // made an ordinary 1920×1080 desktop first.
-  auto server = XServer::start("--size 7040x1440");
+  auto server = XServerProcess::start({XServerKind::xvfb, "7040x1440"});
   ASSERT_TRUE(server);
   {
     XcbDisplayConfigurator c(server->display());
@@ -315,7 +257,7 @@ TEST_F(XvfbTest, ABareMonitorOverTheGrownFramebuffer) {
 }
 
 TEST_F(XvfbTest, AFramebufferThatCannotGrowIsRefusedWithoutChanges) {
-  auto server = XServer::start("--size 1920x1080");
+  auto server = XServerProcess::start({XServerKind::xvfb});
   ASSERT_TRUE(server);
   Snapshot original = snapshot(server->display());
   try {
@@ -330,13 +272,7 @@ TEST_F(XvfbTest, AFramebufferThatCannotGrowIsRefusedWithoutChanges) {
 }
 
 TEST(X11VirtualDisplayUnreachable, IsUnsupportedAndSaysWhichDisplay) {
-  int number = 4000;
-  struct stat info {};
-  while (stat(("/tmp/.X11-unix/X" + std::to_string(number)).c_str(), &info) == 0 ||
-         stat(("/tmp/.X" + std::to_string(number) + "-lock").c_str(), &info) == 0) {
-    ++number;
-  }
-  std::string name = ":" + std::to_string(number);
+  const std::string name = testing_support::unservedDisplay();
   EXPECT_FALSE(OrinVirtualDisplay::isSupported(name));
   try {
     OrinVirtualDisplay::create("Orin Wide", 3840, 1080, 60, {name, WATCHDOG_PATH});
