@@ -16,12 +16,14 @@ bool KeyframePolicy::forceFrame(std::uint64_t time) {
     previousFrame_ = time;
     return force;
   }
-  // The next frame is expected one gap later (the nominal one at least), give or take half a gap
-  // of capture jitter: if that could be too late for a keyframe, this frame is the last that
-  // keeps the bound.
+  // The next frame may come as late as the longest recent gap (the nominal one at least) and half
+  // as much again: if that could be too late for a keyframe, this frame is the last that keeps
+  // the bound. A load that makes the rate uneven thus brings keyframes earlier, never late.
   const std::uint64_t gap = std::max(time - *previousFrame_, nominalGap_);
   previousFrame_ = time;
-  if (time - *lastKeyframe_ + gap + gap / 2 > maxInterval_) force = true;
+  recentLongestGap_ = std::max(gap, recentLongestGap_ - recentLongestGap_ / 32);
+  const std::uint64_t latest = recentLongestGap_ + recentLongestGap_ / 2;
+  if (time - *lastKeyframe_ + latest > maxInterval_) force = true;
   if (force) lastKeyframe_ = time;
   return force;
 }

@@ -29,6 +29,8 @@ class KeyframePolicy {
   std::uint64_t nominalGap_;
   std::optional<std::uint64_t> lastKeyframe_;
   std::optional<std::uint64_t> previousFrame_;
+  // The longest recent gap between frames, fading by a thirty-second a frame.
+  std::uint64_t recentLongestGap_ = 0;
 };
 
 }  // namespace orin::screen

@@ -50,6 +50,25 @@ TEST(KeyframePolicy, KeepsKeyframesWithinTwoSecondsAtAnyFrameRate) {
   }
 }
 
+// Under load the encoder's pace is uneven: a short gap followed by a long one must not carry the
+// keyframe past its bound.
+TEST(KeyframePolicy, KeepsTheBoundWhenGapsVary) {
+  KeyframePolicy policy(twoSeconds, 15);
+  std::uint64_t seed = 1;
+  std::uint64_t time = 0;
+  std::uint64_t lastKeyframe = 0;
+  std::uint64_t longest = 0;
+  for (int frame = 0; frame < 2'000; ++frame) {
+    seed = seed * 6364136223846793005u + 1442695040888963407u;
+    time += 40'000 + (seed >> 33) % 360'000;  // 40 to 400 ms
+    if (policy.forceFrame(time) || frame == 0) {
+      longest = std::max(longest, time - lastKeyframe);
+      lastKeyframe = time;
+    }
+  }
+  EXPECT_LE(longest, twoSeconds);
+}
+
 // The time of the first frame forced in a run of evenly spaced frames, 0 when none was.
 std::uint64_t firstForced(KeyframePolicy& policy, std::uint64_t from, std::uint64_t until,
                           std::uint64_t step) {
