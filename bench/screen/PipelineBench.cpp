@@ -179,9 +179,7 @@ int runHost(const Options& options) {
       liveEncoder = &encoder;
     }
     orin::screen::DisplayCaptureEngine capture(
-        std::make_shared<orin::screen::X11DisplayBackend>(),
-        [&encoder](const CapturedFrame& frame) { encoder.encode(frame); }, {},
-        [&encoder] { return encoder.readyAt(); });
+        [&encoder](const CapturedFrame& frame) { encoder.encode(frame); }, {});
     capture.start(displayOfSize(capture, options), options.width, options.height, options.fps);
     std::cout << "port " << port << std::endl;
 
