@@ -30,7 +30,6 @@ struct DisplayCaptureEngine::Session {
   std::unique_ptr<FrameSource> source;
   FrameHandler onFrame;
   StopHandler onStop;
-  ReadinessProbe consumerReadyAt;
   std::chrono::nanoseconds interval{};
   std::mutex mutex;
   std::condition_variable wake;
@@ -51,12 +50,10 @@ DisplayCaptureEngine::DisplayCaptureEngine(FrameHandler frameHandler, StopHandle
                            std::move(stopHandler)) {}
 
 DisplayCaptureEngine::DisplayCaptureEngine(std::shared_ptr<DisplayBackend> backend,
-                                           FrameHandler frameHandler, StopHandler stopHandler,
-                                           ReadinessProbe consumerReadyAt)
+                                           FrameHandler frameHandler, StopHandler stopHandler)
     : backend_(std::move(backend)),
       frameHandler_(std::move(frameHandler)),
-      stopHandler_(std::move(stopHandler)),
-      consumerReadyAt_(std::move(consumerReadyAt)) {}
+      stopHandler_(std::move(stopHandler)) {}
 
 DisplayCaptureEngine::~DisplayCaptureEngine() {
   stop();
@@ -89,7 +86,6 @@ void DisplayCaptureEngine::start(std::uint32_t displayID, int pixelWidth, int pi
   session->source = backend_->open(displayID);
   session->onFrame = frameHandler_;
   session->onStop = stopHandler_;
-  session->consumerReadyAt = consumerReadyAt_;
   session->interval = std::chrono::nanoseconds(1'000'000'000 / std::min(framesPerSecond, 1000));
 
   // Held while the thread starts, so a handler that stops the capture at once finds it.
@@ -127,21 +123,15 @@ void DisplayCaptureEngine::run(const std::shared_ptr<Session>& session) {
   pthread_setname_np(pthread_self(), "orin.capture");
   using Clock = std::chrono::steady_clock;
   auto next = Clock::now();
-  // How long a grab takes, smoothed, so that a frame is ready just as the consumer is.
-  std::chrono::nanoseconds grabTime{};
   std::optional<DisplayCaptureError> failure;
   for (;;) {
-    auto wake = next;
-    if (session->consumerReadyAt) wake = std::max(wake, session->consumerReadyAt() - grabTime);
     {
       std::unique_lock lock(session->mutex);
-      session->wake.wait_until(lock, wake, [&] { return session->stopRequested; });
+      session->wake.wait_until(lock, next, [&] { return session->stopRequested; });
       if (session->stopRequested) break;
     }
-    const auto grabStart = Clock::now();
     try {
       if (auto frame = session->source->grab()) {
-        grabTime += (Clock::now() - grabStart - grabTime) / 4;
         if (session->onFrame) session->onFrame(*frame);
       }
     } catch (const DisplayCaptureError& error) {
@@ -151,10 +141,10 @@ void DisplayCaptureEngine::run(const std::shared_ptr<Session>& session) {
       failure = DisplayCaptureError::captureFailed("system", ENOMEM);
       break;
     }
-    // Ticks stay on one grid; ticks missed by a slow grab or a busy consumer are dropped, never
-    // caught up, so frames are never faster than the rate and never queue behind one another.
+    // Ticks stay on one grid; ticks missed by a slow grab are dropped, never caught up, so
+    // frames are never faster than the rate and never queue behind one another.
     next += session->interval;
-    const auto now = Clock::now();
+    auto now = Clock::now();
     if (next < now) next += ((now - next) / session->interval + 1) * session->interval;
   }
   session->source.reset();

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -39,23 +38,18 @@ std::string displayName(std::uint32_t id, const std::optional<std::string>& scre
 PixelSize captureSize(int pointWidth, int pointHeight, int pixelHeight);
 
 // Captures one display at a time as BGRA frames at its native size, paced at the frame rate on a
-// thread of its own. Given a consumer's readiness, it grabs no earlier than the consumer can take
-// the frame, so that a slower consumer lowers the rate instead of leaving frames to wait and
-// grabs to be thrown away. The frame handler runs on that thread for every frame and must not
-// block; the stop handler runs there once when a capture ends on its own, not when stop() ends it.
+// thread of its own. The frame handler runs on that thread for every frame and must not block;
+// the stop handler runs there once when a capture ends on its own, not when stop() ends it.
 // start(), stop() and availableDisplays() are called from one thread (the main loop).
 class DisplayCaptureEngine {
  public:
   using FrameHandler = std::function<void(const CapturedFrame&)>;
   using StopHandler = std::function<void(const std::optional<DisplayCaptureError>&)>;
-  // When the consumer will next be free for a frame; any time not in the future means now.
-  // Called on the capture thread before each grab.
-  using ReadinessProbe = std::function<std::chrono::steady_clock::time_point()>;
 
   // Captures through X11 on $DISPLAY.
   DisplayCaptureEngine(FrameHandler frameHandler, StopHandler stopHandler);
   DisplayCaptureEngine(std::shared_ptr<DisplayBackend> backend, FrameHandler frameHandler,
-                       StopHandler stopHandler, ReadinessProbe consumerReadyAt = {});
+                       StopHandler stopHandler);
   ~DisplayCaptureEngine();
   DisplayCaptureEngine(const DisplayCaptureEngine&) = delete;
   DisplayCaptureEngine& operator=(const DisplayCaptureEngine&) = delete;
@@ -79,7 +73,6 @@ class DisplayCaptureEngine {
   std::shared_ptr<DisplayBackend> backend_;
   FrameHandler frameHandler_;
   StopHandler stopHandler_;
-  ReadinessProbe consumerReadyAt_;
   mutable std::mutex mutex_;  // guards session_ and thread_, which stop() may take from a handler
   std::shared_ptr<Session> session_;
   std::thread thread_;

@@ -50,11 +50,6 @@ class FrameMailbox {
     ready_.notify_all();
   }
 
-  bool hasWaiting() const {
-    std::lock_guard lock(mutex_);
-    return waiting_.has_value();
-  }
-
   std::uint64_t replacedCount() const {
     std::lock_guard lock(mutex_);
     return replacedCount_;

@@ -81,7 +81,6 @@ class LibavStreamEncoder final : public StreamEncoder {
                  std::move(output)) {}
   void encode(const CapturedFrame& frame) override { encoder_.encode(frame); }
   void forceKeyframe() override { encoder_.forceKeyframe(); }
-  std::chrono::steady_clock::time_point readyAt() const override { return encoder_.readyAt(); }
 
  private:
   VideoEncoder encoder_;
@@ -812,7 +811,7 @@ ScreenStreamService::CaptureResult ScreenStreamService::buildCapture(CaptureRequ
   run->engine = std::make_unique<DisplayCaptureEngine>(
       request.platform.displays,
       [encoder = run->encoder](const CapturedFrame& frame) { encoder->encode(frame); },
-      std::move(request.onStop), [encoder = run->encoder] { return encoder->readyAt(); });
+      std::move(request.onStop));
   run->engine->start(displayID, request.encoder.width, request.encoder.height,
                      request.encoder.framesPerSecond);
   result.run = std::move(run);

@@ -82,8 +82,6 @@ class StreamEncoder {
   virtual void encode(const CapturedFrame& frame) = 0;
   // Any thread.
   virtual void forceKeyframe() = 0;
-  // When it can next take a frame; the default, any past time, means always.
-  virtual std::chrono::steady_clock::time_point readyAt() const { return {}; }
 };
 
 struct StreamEncoderSettings {

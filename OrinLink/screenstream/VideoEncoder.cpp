@@ -64,16 +64,6 @@ const std::string& VideoEncoder::backendName() const {
   return backend_->name();
 }
 
-std::chrono::steady_clock::time_point VideoEncoder::readyAt() const {
-  using Clock = std::chrono::steady_clock;
-  const std::int64_t started = encodeStartedAt_.load(std::memory_order_relaxed);
-  const Clock::duration typical(typicalEncodeTime_.load(std::memory_order_relaxed));
-  // An image already waiting goes first; a new one would wait behind it.
-  const Clock::duration queued = mailbox_.hasWaiting() ? typical : Clock::duration::zero();
-  if (started == 0) return Clock::now() + queued;
-  return Clock::time_point(Clock::duration(started)) + typical + queued;
-}
-
 VideoEncoder::Statistics VideoEncoder::statistics() const {
   return {submitted_.load(std::memory_order_relaxed), mailbox_.replacedCount(),
           delivered_.load(std::memory_order_relaxed), failed_.load(std::memory_order_relaxed),
@@ -84,18 +74,11 @@ void VideoEncoder::run() {
   const LibavHEVCEncoder::PacketSink sink = [this](const hevc::EncodedPacket& packet) {
     deliver(packet);
   };
-  using Clock = std::chrono::steady_clock;
   while (std::optional<CapturedFrame> frame = mailbox_.take()) {
     if (stopping_.load()) break;
-    const auto started = Clock::now().time_since_epoch().count();
-    encodeStartedAt_.store(started, std::memory_order_relaxed);
     const bool force = keyframes_.forceFrame(frame->presentationTimeMicroseconds);
     const int status = backend_->encode(std::move(*frame), force, sink);
     frame.reset();
-    const auto took = Clock::now().time_since_epoch().count() - started;
-    const auto typical = typicalEncodeTime_.load(std::memory_order_relaxed);
-    typicalEncodeTime_.store(typical + (took - typical) / 4, std::memory_order_relaxed);
-    encodeStartedAt_.store(0, std::memory_order_relaxed);
     if (status < 0) {
       // A requested keyframe that failed is still owed.
       if (force) keyframes_.request();

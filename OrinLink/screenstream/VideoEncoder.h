@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -64,9 +63,6 @@ class VideoEncoder {
   void encode(const CapturedFrame& frame);
   // The next image encoded becomes an IDR picture carrying the parameter sets. Any thread.
   void forceKeyframe() { keyframes_.request(); }
-  // When the encoder will be free to start on a newly submitted image, judged from how long
-  // images take; now or earlier when it is idle. Any thread.
-  std::chrono::steady_clock::time_point readyAt() const;
 
   int width() const { return width_; }
   int height() const { return height_; }
@@ -90,9 +86,6 @@ class VideoEncoder {
   std::atomic<std::uint64_t> delivered_{0};
   std::atomic<std::uint64_t> failed_{0};
   std::atomic<std::int32_t> lastFailureStatus_{0};
-  // Steady-clock nanoseconds when the image in hand was started, 0 while idle.
-  std::atomic<std::int64_t> encodeStartedAt_{0};
-  std::atomic<std::int64_t> typicalEncodeTime_{0};
   std::thread thread_;
 };
 

@@ -280,8 +280,7 @@ struct Recorder {
 
 class CaptureEngineTest : public ::testing::Test {
  protected:
-  DisplayCaptureEngine makeEngine(std::function<void(const CapturedFrame&)> extra = {},
-                                  DisplayCaptureEngine::ReadinessProbe consumerReadyAt = {}) {
+  DisplayCaptureEngine makeEngine(std::function<void(const CapturedFrame&)> extra = {}) {
     return DisplayCaptureEngine(
         backend,
         [this, extra](const CapturedFrame& frame) {
@@ -294,8 +293,7 @@ class CaptureEngineTest : public ::testing::Test {
         [this](const std::optional<DisplayCaptureError>& error) {
           std::lock_guard lock(recorder.mutex);
           recorder.stops.push_back(error);
-        },
-        std::move(consumerReadyAt));
+        });
   }
 
   std::shared_ptr<FakeState> state = std::make_shared<FakeState>();
@@ -338,21 +336,6 @@ TEST_F(CaptureEngineTest, ASlowGrabSkipsTicksInsteadOfCatchingUp) {
     if (state->grabStarts[i] - state->grabEnds[i - 1] < 1ms) ++immediate;
   }
   EXPECT_LT(immediate * 2, state->grabStarts.size() - 1) << immediate << " grabs without a wait";
-}
-
-// A consumer busy for 30 ms with each frame sets the pace at 100 fps: grabbing on the clock would
-// throw two frames of three away and leave the third waiting.
-TEST_F(CaptureEngineTest, GrabsWhenTheConsumerIsReadyRatherThanOnEveryTick) {
-  std::atomic<Clock::rep> busyUntil{0};
-  auto engine = makeEngine(
-      [&](const CapturedFrame&) { busyUntil = (Clock::now() + 30ms).time_since_epoch().count(); },
-      [&] { return Clock::time_point(Clock::duration(busyUntil.load())); });
-  engine.start(1, 1280, 720, 100);
-  ASSERT_TRUE(eventually([&] { return recorder.frameCount() >= 6; }));
-  engine.stop();
-  std::lock_guard lock(state->mutex);
-  for (std::size_t i = 1; i < state->grabStarts.size(); ++i)
-    EXPECT_GE(state->grabStarts[i] - state->grabStarts[i - 1], 29ms) << "grab " << i;
 }
 
 TEST_F(CaptureEngineTest, ADisplayThatGoesAwayStopsTheCaptureOnce) {
