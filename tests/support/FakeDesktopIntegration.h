@@ -62,32 +62,28 @@ inline DesktopIntegration makeFakeDesktop(std::shared_ptr<DesktopRecord> record)
   };
   struct Presence final : PresenceIndicator {
     std::shared_ptr<DesktopRecord> r;
-    void setBadge(std::optional<std::string> text) override { r->badges.push_back(std::move(text)); }
+    void setBadge(std::optional<std::string> text) override {
+      r->badges.push_back(std::move(text));
+    }
     void setShowsWindowedPresence(bool windowed) override { r->windowedPresence = windowed; }
   };
   struct Opener final : ControlPanelOpener {
     std::shared_ptr<DesktopRecord> r;
     void openControlPanel() override { ++r->panelOpens; }
   };
+  // Each fake holds the shared record.
+  const auto fake = [&record]<class Fake>(Fake*) {
+    auto made = std::make_unique<Fake>();
+    made->r = record;
+    return made;
+  };
   DesktopIntegration desktop;
-  auto sleep = std::make_unique<Sleep>();
-  sleep->r = record;
-  desktop.sleepPrevention = std::move(sleep);
-  auto login = std::make_unique<Login>();
-  login->r = record;
-  desktop.loginItem = std::move(login);
-  auto notes = std::make_unique<Notes>();
-  notes->r = record;
-  desktop.notifications = std::move(notes);
-  auto sound = std::make_unique<Sound>();
-  sound->r = record;
-  desktop.sound = std::move(sound);
-  auto presence = std::make_unique<Presence>();
-  presence->r = record;
-  desktop.presence = std::move(presence);
-  auto opener = std::make_unique<Opener>();
-  opener->r = record;
-  desktop.panelOpener = std::move(opener);
+  desktop.sleepPrevention = fake(static_cast<Sleep*>(nullptr));
+  desktop.loginItem = fake(static_cast<Login*>(nullptr));
+  desktop.notifications = fake(static_cast<Notes*>(nullptr));
+  desktop.sound = fake(static_cast<Sound*>(nullptr));
+  desktop.presence = fake(static_cast<Presence*>(nullptr));
+  desktop.panelOpener = fake(static_cast<Opener*>(nullptr));
   desktop.availability = {true, true, true, true, true, true};
   return desktop;
 }
