@@ -86,8 +86,8 @@ void printDevices(const ControlClient& client) {
 
 int main(int argc, char** argv) {
   CLI::App cli{
-      "Orin Link lends this computer to your other devices: a local AI service for paired "
-      "devices and, later, screen streaming. Run without a command to start it."};
+      "Orin Link lends this computer to your other devices: a local AI service and screen "
+      "streaming for paired devices. Run without a command to start it."};
   cli.set_version_flag("--version", "orinlink 0.1.0");
   std::string configDirectory = orin::defaultConfigDirectory().string();
   std::string dataDirectory = orin::defaultDataDirectory().string();

@@ -14,6 +14,7 @@
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
+#include <boost/asio/dispatch.hpp>
 #include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/system/system_error.hpp>
@@ -160,12 +161,20 @@ class AsyncStream {
       return {failure, std::nullopt};
     }
 
-    // Hands the next outcome to the waiting consumer on its own executor. The slot is cleared
-    // there too, because cancellation slots are not safe to touch from another thread.
-    void scheduleDeliveryLocked() {
-      if (!waiter || deliveryScheduled) return;
+    // Claims the delivery of the next outcome to the waiting consumer; nothing when no one waits
+    // or a delivery is already on its way. Performed by deliver(), outside the lock.
+    std::optional<boost::asio::any_io_executor> claimDeliveryLocked() {
+      if (!waiter || deliveryScheduled) return std::nullopt;
       deliveryScheduled = true;
-      boost::asio::post(waiterExecutor, [self = weakSelf.lock()] {
+      return waiterExecutor;
+    }
+
+    // Dispatched rather than posted: a consumer on the producer's own thread takes the value at
+    // once, without a trip through its loop's queue. The slot is cleared on the consumer's
+    // executor, because cancellation slots are not safe to touch from another thread.
+    void deliver(std::optional<boost::asio::any_io_executor> executor) {
+      if (!executor) return;
+      boost::asio::dispatch(*executor, [self = weakSelf.lock()] {
         std::unique_lock lock(self->mutex);
         self->deliveryScheduled = false;
         if (!self->waiter) return;
@@ -181,7 +190,9 @@ class AsyncStream {
       std::unique_lock lock(mutex);
       if (phase != Phase::open) return false;
       buffer.push_back(std::move(value));
-      scheduleDeliveryLocked();
+      auto delivery = claimDeliveryLocked();
+      lock.unlock();
+      deliver(std::move(delivery));
       return true;
     }
 
@@ -191,9 +202,10 @@ class AsyncStream {
       phase = Phase::finished;
       ending = Termination::finished;
       failure = std::move(error);
-      scheduleDeliveryLocked();
+      auto delivery = claimDeliveryLocked();
       auto callback = takeTerminationLocked();
       lock.unlock();
+      deliver(std::move(delivery));
       if (callback) callback(Termination::finished);
     }
 

@@ -2,6 +2,7 @@
 
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/ip/address.hpp>
+#include <boost/asio/ssl/error.hpp>
 #include <boost/asio/ssl/host_name_verification.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/http/error.hpp>
@@ -24,6 +25,8 @@ namespace {
 // Bounds what a whole reply or a single line may hold, so a runaway answer cannot exhaust memory.
 constexpr std::size_t maxWholeBodyBytes = 64 * 1024 * 1024;
 constexpr std::size_t maxLineBytes = 16 * 1024 * 1024;
+// Bytes asked of the socket per body read.
+constexpr std::size_t readBytes = 16 * 1024;
 
 [[noreturn]] void fail(error_code ec) {
   // A connection that ends early is the transport's failure; anything the parser rejected means
@@ -45,11 +48,14 @@ std::string hostHeader(const OllamaEndpoint& endpoint) {
 OllamaExchange::OllamaExchange(asio::any_io_executor executor,
                                std::shared_ptr<asio::ssl::context> tls,
                                std::chrono::steady_clock::duration idleTimeout)
-    : tlsContext_(std::move(tls)), idleTimeout_(idleTimeout), resolver_(executor), tcp_(executor) {
+    : tlsContext_(std::move(tls)),
+      idleTimeout_(idleTimeout),
+      resolver_(executor),
+      tcp_(executor),
+      idleWatch_(std::make_shared<IdleWatch>(executor)) {
   // Streams may run for hours; only the per-read idle time-out bounds them.
   parser_.body_limit(boost::none);
-  // Beast reads no more than the buffer's spare capacity (at least 512 bytes) at a time.
-  buffer_.reserve(16 * 1024);
+  buffer_.reserve(readBytes);
 }
 
 asio::awaitable<unsigned> OllamaExchange::begin(OllamaEndpoint endpoint, http::verb method,
@@ -117,20 +123,40 @@ asio::awaitable<unsigned> OllamaExchange::begin(OllamaEndpoint endpoint, http::v
 }
 
 asio::awaitable<std::optional<std::string_view>> OllamaExchange::readBody() {
+  auto& body = parser_.get().body();
+  body.data = chunk_.data();
+  body.size = chunk_.size();
+  const auto produced = [&] { return chunk_.size() - body.size; };
+  // What has arrived is parsed here, element after element, before anything more is read. Beast's
+  // own read stops at every chunk boundary and completes through the loop's queue, so at full
+  // speed every token would cost a trip through the loop and a write of its own.
   while (!parser_.is_done()) {
-    auto& body = parser_.get().body();
-    body.data = chunk_.data();
-    body.size = chunk_.size();
-    tcp_.expires_after(idleTimeout_);
+    if (buffer_.size() > 0) {
+      error_code ec;
+      const std::size_t used = parser_.put(buffer_.data(), ec);
+      buffer_.consume(used);
+      if (ec == http::error::need_buffer) break;
+      if (ec && ec != http::error::need_more) fail(ec);
+      if (!ec && used > 0) continue;
+    }
+    if (produced() > 0) break;
+    watchBodyRead();
     auto [ec, read] = co_await onStream([&](auto& stream) {
-      return http::async_read_some(stream, buffer_, parser_, asio::as_tuple(asio::use_awaitable));
+      return stream.async_read_some(buffer_.prepare(readBytes),
+                                    asio::as_tuple(asio::use_awaitable));
     });
-    (void)read;
     throwIfClosed();
-    if (ec && ec != http::error::need_buffer) fail(ec);
-    const std::size_t produced = chunk_.size() - parser_.get().body().size;
-    if (produced > 0) co_return std::string_view(chunk_.data(), produced);
+    if (idleWatch_->expired) fail(beast::error::timeout);
+    if (ec == asio::error::eof || ec == asio::ssl::error::stream_truncated) {
+      error_code ended;
+      parser_.put_eof(ended);
+      if (ended) fail(ended);
+      continue;
+    }
+    if (ec) fail(ec);
+    buffer_.commit(read);
   }
+  if (produced() > 0) co_return std::string_view(chunk_.data(), produced());
   co_return std::nullopt;
 }
 
@@ -178,6 +204,31 @@ asio::awaitable<std::optional<std::string>> OllamaExchange::readLine() {
   }
 }
 
+void OllamaExchange::watchBodyRead() {
+  idleWatch_->readStarted = std::chrono::steady_clock::now();
+  if (idleWatch_->armed) return;
+  tcp_.expires_never();
+  armIdleWatch(idleWatch_->readStarted + idleTimeout_);
+}
+
+void OllamaExchange::armIdleWatch(std::chrono::steady_clock::time_point at) {
+  idleWatch_->armed = true;
+  idleWatch_->timer.expires_at(at);
+  // The watch is owned by this exchange, so while it lives the exchange does too.
+  idleWatch_->timer.async_wait([this, weak = std::weak_ptr<IdleWatch>(idleWatch_)](error_code ec) {
+    const auto watch = weak.lock();
+    if (!watch || ec || closed_) return;
+    const auto due = watch->readStarted + idleTimeout_;
+    if (std::chrono::steady_clock::now() < due) {
+      armIdleWatch(due);
+      return;
+    }
+    watch->expired = true;
+    error_code ignored;
+    tcp_.socket().close(ignored);
+  });
+}
+
 void OllamaExchange::throwIfClosed() const {
   if (closed_) throw boost::system::system_error(asio::error::operation_aborted);
 }
@@ -185,8 +236,9 @@ void OllamaExchange::throwIfClosed() const {
 void OllamaExchange::close() {
   closed_ = true;
   resolver_.cancel();
-  // Also cancels the idle timer, so nothing of this exchange stays pending.
+  // Also cancels the per-step timer, so nothing of this exchange stays pending.
   tcp_.close();
+  idleWatch_->timer.cancel();
 }
 
 }  // namespace orin

@@ -12,6 +12,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/buffer_body.hpp>
@@ -55,6 +56,19 @@ class OllamaExchange {
   // A step that completed after close() still ends the exchange.
   void throwIfClosed() const;
 
+  // The body's idle time-out. Re-arming a deadline before every read costs a timer update per
+  // token; this one is armed once and, when it fires, moves on to the last read's start + the
+  // time-out unless the read has waited that long.
+  struct IdleWatch {
+    explicit IdleWatch(const boost::asio::any_io_executor& executor) : timer(executor) {}
+    boost::asio::steady_timer timer;
+    std::chrono::steady_clock::time_point readStarted;
+    bool armed = false;
+    bool expired = false;
+  };
+  void watchBodyRead();
+  void armIdleWatch(std::chrono::steady_clock::time_point at);
+
   template <class Operation>
   auto onStream(Operation operation) {
     if (tls_) return operation(*tls_);
@@ -70,6 +84,7 @@ class OllamaExchange {
   boost::beast::http::response_parser<boost::beast::http::buffer_body> parser_;
   std::array<char, 16 * 1024> chunk_{};
   std::string pendingLines_;
+  std::shared_ptr<IdleWatch> idleWatch_;
   bool bodyEnded_ = false;
   bool closed_ = false;
 };

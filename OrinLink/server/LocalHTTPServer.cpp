@@ -359,7 +359,11 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
         co_return;
       }
     }
-    asio::co_spawn(self->serverExecutor, watchPeer(connection), asio::detached);
+    // Started once this coroutine waits, so the main loop is woken first; the watcher's first
+    // read finds nothing anyway.
+    asio::post(self->serverExecutor, [connection] {
+      asio::co_spawn(connection->socket.get_executor(), watchPeer(connection), asio::detached);
+    });
     auto cancellation = std::make_shared<HandlerCancellation>();
     connection->handler = cancellation;
     std::optional<HTTPHandlerResult> result;

@@ -36,13 +36,14 @@ constexpr std::string_view prompt = "Count for me, one word at a time.";
 
 struct Options {
   std::string orinlink = ORINLINK_PATH;
+  std::string relayFloor = RELAY_FLOOR_PATH;
   std::string workDirectory = "build/release/ai-bench";
   std::string out = "build/release/ai-bench-results.json";
   std::string faultsResults;
   std::string nginx = "nginx";
   std::string wrk = "wrk";
   std::vector<std::string> sections{"relay", "streams", "startup", "http"};
-  std::size_t requests = 200;
+  std::size_t requests = 120;
   std::size_t tokens = 200;
   double rate = 200;
   std::size_t warmup = 5;
@@ -125,30 +126,42 @@ ordered_json added(const ordered_json& a, const ordered_json& b, const char* key
   return out;
 }
 
-ordered_json runRelay(const Options& options, TokenTap& tap, const OrinLinkProcess& orinlink,
-                      const std::string& token, std::string_view model) {
-  PathSamples direct, relayed;
-  const auto one = [&](bool viaOrinlink, PathSamples* into) {
+// The three ways a token can take, all through the tap in front of the stand-in.
+enum class RelayPath { direct, floor, orinlink };
+
+ordered_json runRelay(const Options& options, TokenTap& tap, const RelayFloor& floor,
+                      const OrinLinkProcess& orinlink, const std::string& token,
+                      std::string_view model) {
+  PathSamples direct, floored, relayed;
+  const auto one = [&](RelayPath path, PathSamples* into) {
+    const bool viaOrinlink = path == RelayPath::orinlink;
+    const std::uint16_t port = viaOrinlink                ? orinlink.port()
+                               : path == RelayPath::floor ? floor.port()
+                                                          : tap.port();
     const std::string request =
         viaOrinlink
             ? orinlinkStreamRequest(orinlink.port(), token, std::string(model), std::string(prompt))
             : daemonStreamRequest(tap.port(), std::string(model), std::string(prompt));
     tap.arm();
-    const StreamRecord record = fetchStream(viaOrinlink ? orinlink.port() : tap.port(), request,
-                                            viaOrinlink ? Framing::eventStream : Framing::ndjson);
+    const StreamRecord record =
+        fetchStream(port, request, viaOrinlink ? Framing::eventStream : Framing::ndjson);
     if (into != nullptr) collect(record, tap.marks(), options.tokens, *into);
   };
+  const std::array<std::pair<RelayPath, PathSamples*>, 3> paths{{{RelayPath::direct, &direct},
+                                                                 {RelayPath::floor, &floored},
+                                                                 {RelayPath::orinlink, &relayed}}};
   for (std::size_t i = 0; i < options.warmup; ++i) {
-    one(false, nullptr);
-    one(true, nullptr);
+    for (const auto& [path, samples] : paths)
+      one(path, nullptr);
   }
   const std::string load = loadAverages();
   const auto started = Clock::now();
   for (std::size_t i = 0; i < options.requests; ++i) {
-    // Alternating which goes first keeps any drift from favouring one path.
-    const bool orinlinkFirst = i % 2 == 1;
-    one(orinlinkFirst, orinlinkFirst ? &relayed : &direct);
-    one(!orinlinkFirst, orinlinkFirst ? &direct : &relayed);
+    // Rotating which goes first keeps any drift from favouring one path.
+    for (std::size_t k = 0; k < paths.size(); ++k) {
+      const auto& [path, samples] = paths[(i + k) % paths.size()];
+      one(path, samples);
+    }
   }
   ordered_json out;
   out["model"] = model;
@@ -158,12 +171,15 @@ ordered_json runRelay(const Options& options, TokenTap& tap, const OrinLinkProce
   out["loadBefore"] = load;
   out["loadAfter"] = loadAverages();
   out["standIn"] = describe(direct);
+  out["relayFloor"] = describe(floored);
   out["orinlink"] = describe(relayed);
-  out["addedFirstTokenMicroseconds"] =
-      added(out["standIn"], out["orinlink"], "firstTokenMicroseconds");
-  out["addedGapMicroseconds"] = added(out["standIn"], out["orinlink"], "gapMicroseconds");
-  out["addedRelayMicroseconds"] = added(out["standIn"], out["orinlink"], "relayMicroseconds");
-  out["addedStreamMicroseconds"] = added(out["standIn"], out["orinlink"], "streamMicroseconds");
+  for (const auto& [key, name] :
+       {std::pair{"firstTokenMicroseconds", "FirstToken"}, std::pair{"gapMicroseconds", "Gap"},
+        std::pair{"relayMicroseconds", "Relay"}, std::pair{"streamMicroseconds", "Stream"}}) {
+    out[std::string("added") + name + "Microseconds"] = added(out["standIn"], out["orinlink"], key);
+    out[std::string("floorAdded") + name + "Microseconds"] =
+        added(out["standIn"], out["relayFloor"], key);
+  }
   return out;
 }
 
@@ -573,6 +589,8 @@ ordered_json goals(const ordered_json& r) {
           v["addedFirstTokenMicroseconds"]["p99"].get<double>(), 1000, true);
       add(std::string("per-token relay p99 added, µs (") + variant + ")",
           v["addedRelayMicroseconds"]["p99"].get<double>(), 100, true);
+      add(std::string("  the same through the relay floor, µs (") + variant + ")",
+          v["floorAddedRelayMicroseconds"]["p99"].get<double>(), 100, true);
     }
   }
   if (r.contains("streams")) {
@@ -592,7 +610,8 @@ ordered_json goals(const ordered_json& r) {
 }
 
 void printSummary(const ordered_json& r) {
-  std::printf("\n%-58s %12s %12s %12s\n", "AI service (loopback)", "stand-in", "orinlink", "added");
+  std::printf("\n%-46s %12s %12s %12s %12s %12s\n", "AI service (loopback)", "stand-in", "floor",
+              "orinlink", "floor added", "added");
   for (const char* variant : {"paced", "fast"}) {
     if (!r.contains("relay") || !r["relay"].contains(variant)) continue;
     const auto& v = r["relay"][variant];
@@ -603,16 +622,17 @@ void printSummary(const ordered_json& r) {
                                                           {"gapMicroseconds", "token gap"}}) {
       for (const char* p : {"p50", "p99"}) {
         const double a = v["standIn"][key][p].get<double>();
+        const double f = v["relayFloor"][key][p].get<double>();
         const double b = v["orinlink"][key][p].get<double>();
-        std::printf("%-58s %9.1f µs %9.1f µs %9.1f µs\n", (label + " " + name + " " + p).c_str(), a,
-                    b, b - a);
+        std::printf("%-46s %9.1f µs %9.1f µs %9.1f µs %9.1f µs %9.1f µs\n",
+                    (label + " " + name + " " + p).c_str(), a, f, b, f - a, b - a);
       }
     }
-    std::printf("%-58s %12zu %12zu\n", (label + " failed or wrong streams").c_str(),
-                v["standIn"]["failures"].get<std::size_t>() +
-                    v["standIn"]["wrongTokens"].get<std::size_t>(),
-                v["orinlink"]["failures"].get<std::size_t>() +
-                    v["orinlink"]["wrongTokens"].get<std::size_t>());
+    const auto wrong = [&v](const char* path) {
+      return v[path]["failures"].get<std::size_t>() + v[path]["wrongTokens"].get<std::size_t>();
+    };
+    std::printf("%-46s %12zu %12zu %12zu\n", (label + " failed or wrong streams").c_str(),
+                wrong("standIn"), wrong("relayFloor"), wrong("orinlink"));
   }
   if (r.contains("streams")) {
     const auto& s = r["streams"];
@@ -653,6 +673,8 @@ int main(int argc, char** argv) {
   CLI::App app{"Measures orinlink's AI service on loopback against the stand-in and nginx"};
   Options o;
   app.add_option("--orinlink", o.orinlink, "orinlink executable")->capture_default_str();
+  app.add_option("--relay-floor", o.relayFloor, "orin_relay_floor executable")
+      ->capture_default_str();
   app.add_option("--work-dir", o.workDirectory, "Scratch directory (replaced)")
       ->capture_default_str();
   app.add_option("--out", o.out, "JSON results file")->capture_default_str();
@@ -701,6 +723,7 @@ int main(int argc, char** argv) {
 
     if (wants(o, "relay")) {
       TokenTap tap(standIn.port(), std::max(o.tokens, o.streamTokens));
+      const RelayFloor floor(o.relayFloor, tap.port(), work / "relay");
       OrinLinkProcess orinlink(o.orinlink, work / "relay",
                                {{"ollamaBaseURL", "http://127.0.0.1:" + std::to_string(tap.port())},
                                 {"activeModel", pacedModel}});
@@ -708,9 +731,9 @@ int main(int argc, char** argv) {
       const std::string token = orinlink.pairDevice("bench-relay", "Relay bench");
       std::cout << "relay: " << o.requests << " requests per path at " << o.rate << " tokens/s…"
                 << std::endl;
-      results["relay"]["paced"] = runRelay(o, tap, orinlink, token, pacedModel);
+      results["relay"]["paced"] = runRelay(o, tap, floor, orinlink, token, pacedModel);
       std::cout << "relay: " << o.requests << " requests per path at full speed…" << std::endl;
-      results["relay"]["fast"] = runRelay(o, tap, orinlink, token, fastModel);
+      results["relay"]["fast"] = runRelay(o, tap, floor, orinlink, token, fastModel);
       results["relay"]["paced"]["rate"] = o.rate;
       results["relay"]["fast"]["rate"] = 0;
       orinlink.stop();

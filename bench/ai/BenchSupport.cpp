@@ -855,6 +855,24 @@ std::string OrinLinkProcess::pairDevice(const std::string& deviceId,
   return client.pair(PairRequest{pairingCode(), deviceId, name}).value.token;
 }
 
+RelayFloor::RelayFloor(const fs::path& binary, std::uint16_t targetPort,
+                       const fs::path& workDirectory) {
+  fs::create_directories(workDirectory);
+  const fs::path out = workDirectory / "relay-floor.out";
+  process_ = ChildProcess({binary.string(), std::to_string(targetPort)}, out,
+                          workDirectory / "relay-floor.err");
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (Clock::now() < deadline) {
+    if (const auto port = numberAfter(readTextFile(out), "listening on ")) {
+      port_ = *port;
+      return;
+    }
+    if (!process_.running()) fail("orin_relay_floor stopped at start-up");
+    pause(std::chrono::milliseconds(5));
+  }
+  fail("orin_relay_floor did not start within 10 s");
+}
+
 // --- Statistics ---------------------------------------------------------------------------------
 
 nlohmann::json Percentiles::toJSON() const {

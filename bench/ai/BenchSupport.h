@@ -252,6 +252,18 @@ class OrinLinkProcess {
 
 std::string readTextFile(const fs::path& path);
 
+// orin_relay_floor forwarding to a loopback port: the cost of one more process on a token's way,
+// with nothing else done.
+class RelayFloor {
+ public:
+  RelayFloor(const fs::path& binary, std::uint16_t targetPort, const fs::path& workDirectory);
+  std::uint16_t port() const { return port_; }
+
+ private:
+  ChildProcess process_;
+  std::uint16_t port_ = 0;
+};
+
 // --- Statistics ---------------------------------------------------------------------------------
 
 struct Percentiles {

@@ -11,6 +11,7 @@
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/this_coro.hpp>
@@ -152,6 +153,32 @@ TEST(AsyncStream, BuffersValuesYieldedBeforeTheConsumerWaits) {
   ASSERT_EQ(got.values.size(), static_cast<std::size_t>(count));
   EXPECT_EQ(got.values.front(), 0);
   EXPECT_EQ(got.values.back(), count - 1);
+}
+
+// A consumer waiting on the producer's own loop takes each value before yield() returns, so a
+// relay forwards a token without a trip through its loop's queue.
+TEST(AsyncStream, ConsumerOnTheProducersLoopTakesEachValueAtOnce) {
+  asio::io_context loop;
+  auto made = IntStream::make();
+  std::vector<int> seen;
+  asio::co_spawn(
+      loop,
+      [&seen, stream = std::move(made.first)]() mutable -> asio::awaitable<void> {
+        while (auto value = co_await stream.next(asio::use_awaitable))
+          seen.push_back(*value);
+      },
+      asio::detached);
+  std::vector<std::size_t> seenAfterYield;
+  asio::post(loop, [&] {
+    for (int i = 0; i < 3; ++i) {
+      made.second.yield(i);
+      seenAfterYield.push_back(seen.size());
+    }
+    made.second.finish();
+  });
+  loop.run();
+  EXPECT_EQ(seen, (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(seenAfterYield, (std::vector<std::size_t>{1, 2, 3}));
 }
 
 // A burst is taken without waiting; the end is left for next(), which alone can report it.

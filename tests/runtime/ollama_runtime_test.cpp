@@ -411,6 +411,31 @@ TEST_F(OllamaRuntimeTest, IdleTimeOutEndsAStalledExchange) {
   EXPECT_TRUE(daemon_.waitForEarlyClose(bound));
 }
 
+// The time-out is for each wait, not the whole body: a steady stream outlasts it many times.
+TEST_F(OllamaRuntimeTest, IdleTimeOutCountsFromTheLastBytes) {
+  const auto idle = std::chrono::milliseconds(400);
+  const auto gap = std::chrono::milliseconds(150);
+  OllamaRuntime client = runtime({idle, idle, idle});
+  const std::vector<std::string> lines{R"({"response":"a"})", R"({"response":"b"})",
+                                       R"({"response":"c"})", R"({"response":"d"})",
+                                       R"({"response":"e","done":true})"};
+  Reply reply{200, {}, true, {}};
+  for (const auto& line : lines)
+    reply.pieces.push_back(line + "\n");
+  daemon_.script({reply});
+  AsyncStream<std::string> stream = client.stream({"p", "m", 0.7, false});
+  const auto started = std::chrono::steady_clock::now();
+  for (const char* expected : {"a", "b", "c", "d", "e"}) {
+    if (std::string_view(expected) != "a") {
+      std::this_thread::sleep_for(gap);
+      daemon_.release();
+    }
+    EXPECT_EQ(within(stream.next(asio::use_future)), std::optional<std::string>(expected));
+  }
+  EXPECT_EQ(within(stream.next(asio::use_future)), std::nullopt);
+  EXPECT_GT(std::chrono::steady_clock::now() - started, idle);
+}
+
 TEST_F(OllamaRuntimeTest, WarmUpReportsAcceptance) {
   struct Case {
     std::string name;
