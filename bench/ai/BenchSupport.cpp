@@ -303,8 +303,6 @@ void Socket::reset() {
   close();
 }
 
-namespace {
-
 sockaddr_in loopback(std::uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -313,16 +311,18 @@ sockaddr_in loopback(std::uint16_t port) {
   return address;
 }
 
+void setNoDelay(int fd) {
+  const int on = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+namespace {
+
 void setTimeouts(int fd, std::chrono::milliseconds timeout) {
   const auto ms = timeout.count();
   timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>((ms % 1000) * 1000)};
   ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-}
-
-void setNoDelay(int fd) {
-  const int on = 1;
-  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <netinet/in.h>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -100,6 +101,8 @@ class Socket {
 // refused.
 Socket connectLoopback(std::uint16_t port, std::chrono::milliseconds timeout);
 bool sendAll(int fd, std::string_view bytes);
+sockaddr_in loopback(std::uint16_t port);
+void setNoDelay(int fd);
 // Reads until the peer closes, at most `limit` bytes and the time-out per read.
 std::string readToEnd(int fd, std::size_t limit = 16 * 1024 * 1024);
 // Binds port 0 on loopback and lets it go again.

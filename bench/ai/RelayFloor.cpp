@@ -17,34 +17,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
+#include "BenchSupport.h"
 
-sockaddr_in loopback(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-void noDelay(int fd) {
-  const int on = 1;
-  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-// Blocking sends: the payloads here are small and the peers read promptly.
-bool sendAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-}  // namespace
+using namespace orin::aibench;
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -98,8 +73,8 @@ int main(int argc, char** argv) {
           ::close(upstream);
           continue;
         }
-        noDelay(client);
-        noDelay(upstream);
+        setNoDelay(client);
+        setNoDelay(upstream);
         peer[client] = upstream;
         peer[upstream] = client;
         watch(client);
@@ -108,7 +83,7 @@ int main(int argc, char** argv) {
       }
       if (!peer.contains(fd)) continue;
       const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
-      if (n > 0 && sendAll(peer[fd], buffer.data(), static_cast<std::size_t>(n))) continue;
+      if (n > 0 && sendAll(peer[fd], {buffer.data(), static_cast<std::size_t>(n)})) continue;
       if (n < 0 && errno == EINTR) continue;
       drop(fd);
     }
