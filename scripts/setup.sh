@@ -18,6 +18,8 @@ packages=(
   # screen capture and HEVC encoding
   libxcb1-dev libxcb-shm0-dev libxcb-randr0-dev libxcb-xfixes0-dev
   libavcodec-dev libswscale-dev libavutil-dev
+  # capture on Wayland desktops, and the headless GNOME compositor that the tests run it on
+  libpipewire-0.3-dev pipewire wireplumber mutter xwayland
   # service discovery at run time and in the tests
   dbus avahi-daemon avahi-utils
   # X servers for the screen tests, and ffmpeg to check and compare the streams

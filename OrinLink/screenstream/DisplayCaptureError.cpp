@@ -43,4 +43,27 @@ DisplayCaptureError DisplayCaptureError::captureFailed(std::string_view origin,
                                    std::to_string(status) + ")."};
 }
 
+DisplayCaptureError DisplayCaptureError::sharingDeclined() {
+  return {Kind::sharingDeclined,
+          "Screen sharing was declined. Allow Orin Link to share the screen when your desktop asks, "
+          "then switch streaming off and on again."};
+}
+
+DisplayCaptureError DisplayCaptureError::pipeWireUnavailable() {
+  return {Kind::pipeWireUnavailable,
+          "Could not reach PipeWire, which this desktop shares the screen through. Install "
+          "PipeWire (the pipewire and wireplumber packages), then log out and in again."};
+}
+
+DisplayCaptureError DisplayCaptureError::screenCastUnavailable() {
+  return {Kind::screenCastUnavailable,
+          "This desktop offers no way to share the screen: neither GNOME's screen-cast service "
+          "nor a desktop portal answers. Install your desktop's portal (xdg-desktop-portal-gnome, "
+          "-kde or -wlr), then log out and in again."};
+}
+
+DisplayCaptureError DisplayCaptureError::sharingEnded() {
+  return {Kind::sharingEnded, "The desktop stopped sharing the screen."};
+}
+
 }  // namespace orin::screen

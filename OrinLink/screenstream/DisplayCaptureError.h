@@ -19,6 +19,10 @@ class DisplayCaptureError : public Error {
     connectionLost,
     unsupportedFormat,
     captureFailed,
+    sharingDeclined,
+    pipeWireUnavailable,
+    screenCastUnavailable,
+    sharingEnded,
   };
 
   // Kept for platforms that gate capture behind a permission; X11 has none.
@@ -31,6 +35,15 @@ class DisplayCaptureError : public Error {
   static DisplayCaptureError unsupportedFormat(int depth);
   // `origin` names where the status comes from ("X11", "system").
   static DisplayCaptureError captureFailed(std::string_view origin, std::int32_t status);
+
+  // Wayland: the user said no to the desktop's screen-sharing dialog.
+  static DisplayCaptureError sharingDeclined();
+  // Wayland: no PipeWire daemon to read screen casts from.
+  static DisplayCaptureError pipeWireUnavailable();
+  // Wayland: neither GNOME's screen-cast service nor the desktop portal answers.
+  static DisplayCaptureError screenCastUnavailable();
+  // Wayland: the compositor ended the stream, or the user stopped sharing.
+  static DisplayCaptureError sharingEnded();
 
   Kind kind() const { return kind_; }
 
