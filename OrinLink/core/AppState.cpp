@@ -505,6 +505,7 @@ StateSnapshot AppState::stateSnapshot() const {
     s.stream.port = screenStream_->activePort().value_or(stream.streamPort);
     s.stream.statusText = stream.statusText;
     s.stream.error = stream.streamError;
+    s.stream.capture = stream.captureBinding;
   }
   s.missingFacilities = missingFacilities(env_.desktop, p_.isDiscoveryAvailable);
   return s;

@@ -65,7 +65,7 @@ int runWith(const ApplicationOptions& options, EditionGuard* guard, EventLoop& m
   environment.serviceName =
       system.computerName().value_or(std::string(LocalHTTPServer::defaultServiceName));
   environment.serverPortOverride = options.serverPort;
-  environment.streamPlatform = screen::makeDefaultStreamPlatform();
+  environment.streamPlatform = screen::makeSessionStreamPlatform(options.configDirectory);
   environment.streamServerExecutor = streamLoop.executor();
   environment.streamPlatformExecutor = platformLoop.executor();
   environment.streamPortOverride = options.streamPort;

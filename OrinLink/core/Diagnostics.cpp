@@ -68,6 +68,7 @@ std::string diagnosticSummary(const StateSnapshot& state) {
           (stream.isEnabled ? "enabled on port " + std::to_string(stream.port) : "off"),
       "Streaming status: " + stream.statusText,
       "Streaming error: " + orNone(stream.error),
+      "Capture: " + (stream.capture.empty() ? std::string("not checked yet") : stream.capture),
       "Last event: " + state.lastEvent,
       "Server error: " + orNone(state.serverError),
       "Ollama error: " + orNone(state.ollamaError),

@@ -96,6 +96,8 @@ struct StateSnapshot {
     std::uint16_t port = 0;
     std::string statusText = "Streaming is off.";
     std::optional<std::string> error;
+    // How the screen is captured, or why it cannot be; empty until first asked.
+    std::string capture;
   };
   Stream stream;
 

@@ -436,7 +436,8 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     auto accepted = control(Kind::accepted);
     accepted.name = options.hostName.value_or(std::string(defaultHostName));
     accepted.edition = std::string(edition);
-    accepted.supportsVirtualDisplays = true;
+    accepted.supportsVirtualDisplays =
+        !options.supportsVirtualDisplays || options.supportsVirtualDisplays();
     sendControl(session, accepted);
     sessionAuthenticated(session);
   }

@@ -78,6 +78,9 @@ class ScreenStreamServer {
     // A client that keeps falling behind asks for a fresh keyframe this often at most: each one
     // costs every client bandwidth and the encoder time.
     std::chrono::steady_clock::duration keyframeRecoverySpacing = std::chrono::milliseconds(500);
+    // What "accepted" tells a client about wide shapes; asked on the server's loop, so it must
+    // not block. Unset means they are supported.
+    std::function<bool()> supportsVirtualDisplays;
   };
 
   // Figures of one session, for diagnostics and tests.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <type_traits>
 
@@ -15,6 +16,7 @@
 #include "OrinLink/screenstream/OrinVirtualDisplay.h"
 #include "OrinLink/screenstream/VideoEncoder.h"
 #include "OrinLink/screenstream/VirtualDisplayError.h"
+#include "OrinLink/screenstream/WaylandCapture.h"
 #include "OrinLink/screenstream/X11DisplayBackend.h"
 
 namespace orin::screen {
@@ -53,11 +55,6 @@ std::uint16_t portOrDefault(std::int64_t port) {
   return static_cast<std::uint16_t>(port);
 }
 
-bool blocksCapture(const DisplayCaptureError& error) {
-  return error.kind() == DisplayCaptureError::Kind::permissionDenied ||
-         error.kind() == DisplayCaptureError::Kind::displayServerUnreachable;
-}
-
 std::vector<CapturableDisplay> listDisplays(DisplayBackend& backend) {
   std::vector<CapturableDisplay> displays;
   for (const auto& d : backend.displays()) {
@@ -65,6 +62,43 @@ std::vector<CapturableDisplay> listDisplays(DisplayBackend& backend) {
                         d.pointWidth, d.pointHeight});
   }
   return displays;
+}
+
+bool blocksCapture(const DisplayCaptureError& error) {
+  switch (error.kind()) {
+    case DisplayCaptureError::Kind::permissionDenied:
+    case DisplayCaptureError::Kind::displayServerUnreachable:
+    case DisplayCaptureError::Kind::sharingDeclined:
+    case DisplayCaptureError::Kind::pipeWireUnavailable:
+    case DisplayCaptureError::Kind::screenCastUnavailable:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// What the platform offers, found out on its executor in one go.
+struct Survey {
+  std::string binding;
+  bool virtualSupported = false;
+  std::vector<CapturableDisplay> displays;
+  std::exception_ptr failure;
+};
+
+Survey survey(const StreamPlatform& platform) {
+  Survey result;
+  if (platform.describeCapture) result.binding = platform.describeCapture();
+  try {
+    result.virtualSupported = platform.virtualDisplays && platform.virtualDisplays->isSupported();
+  } catch (...) {
+    result.virtualSupported = false;
+  }
+  try {
+    result.displays = listDisplays(*platform.displays);
+  } catch (...) {
+    result.failure = std::current_exception();
+  }
+  return result;
 }
 
 // Runs a blocking call where it is spawned; its result or exception goes to the awaiting
@@ -260,6 +294,23 @@ StreamPlatform makeDefaultStreamPlatform(const std::string& xDisplay,
   };
   platform.virtualDisplays = std::make_shared<RandRVirtualDisplayFactory>(
       OrinVirtualDisplay::Options{xDisplay, watchdogPath});
+  platform.describeCapture = [xDisplay] {
+    const char* variable = std::getenv("DISPLAY");
+    const std::string name = !xDisplay.empty() ? xDisplay : variable ? variable : "";
+    if (name.empty()) return std::string("X11, but DISPLAY is not set");
+    return "X11 screen grabs on display " + name;
+  };
+  return platform;
+}
+
+StreamPlatform makeSessionStreamPlatform(const std::filesystem::path& configDirectory) {
+  StreamPlatform platform = makeDefaultStreamPlatform();
+  if (currentDesktopSessionKind() != DesktopSessionKind::wayland) return platform;
+  // Xwayland's root shows none of the native windows: never capture it on a Wayland desktop.
+  auto wayland = makeWaylandBindings({configDirectory});
+  platform.displays = std::move(wayland.displays);
+  platform.virtualDisplays = std::move(wayland.virtualDisplays);
+  platform.describeCapture = std::move(wayland.describe);
   return platform;
 }
 
@@ -445,6 +496,7 @@ void ScreenStreamService::startServer() {
   options.hostName = hostName;
   options.bindAddress = env_.bindAddress;
   options.advertiser = env_.advertiser;
+  options.supportsVirtualDisplays = [support = virtualSupport_] { return support->load(); };
 
   const std::uint64_t generation = ++serverGeneration_;
   auto server = std::make_shared<ScreenStreamServer>(
@@ -613,7 +665,17 @@ std::string ScreenStreamService::advertisingStatus() const {
   if (captureBlocker_ && captureBlocker_->kind() == DisplayCaptureError::Kind::permissionDenied) {
     return text + ", but streaming is blocked until Screen Recording is allowed.";
   }
-  if (captureBlocker_) return text + ", but streaming is blocked until an X display is available.";
+  if (captureBlocker_) {
+    switch (captureBlocker_->kind()) {
+      case DisplayCaptureError::Kind::sharingDeclined:
+        return text + ", but streaming is blocked until screen sharing is allowed.";
+      case DisplayCaptureError::Kind::pipeWireUnavailable:
+      case DisplayCaptureError::Kind::screenCastUnavailable:
+        return text + ", but streaming is blocked until the desktop can share the screen.";
+      default:
+        return text + ", but streaming is blocked until an X display is available.";
+    }
+  }
   return text + ". Waiting for Vantaro.";
 }
 
@@ -643,27 +705,32 @@ void ScreenStreamService::refreshDisplays() {
 
 asio::awaitable<void> ScreenStreamService::refreshDisplaysTask(
     std::weak_ptr<ScreenStreamService> weak) {
-  std::shared_ptr<DisplayBackend> backend;
-  asio::any_io_executor platform;
+  StreamPlatform platform;
+  asio::any_io_executor executor;
   {
     auto self = weak.lock();
     if (!self || !self->env_.platform.displays) co_return;
-    backend = self->env_.platform.displays;
-    platform = self->platform_;
+    platform = self->env_.platform;
+    executor = self->platform_;
   }
-  std::vector<CapturableDisplay> displays;
-  std::exception_ptr failure;
+  Survey found;
   try {
-    auto listing = asio::co_spawn(platform, blocking([backend] { return listDisplays(*backend); }),
-                                  asio::use_awaitable);
-    displays = co_await std::move(listing);
+    auto surveying = asio::co_spawn(executor, blocking([platform] { return survey(platform); }),
+                                    asio::use_awaitable);
+    found = co_await std::move(surveying);
   } catch (...) {
-    failure = std::current_exception();
+    found.failure = std::current_exception();
   }
   auto self = weak.lock();
   if (!self) co_return;
-  if (!failure) {
-    self->publishDisplays(std::move(displays));
+  if (found.binding != self->p_.captureBinding)
+    self->set(&Properties::captureBinding, found.binding, "captureBinding");
+  self->virtualSupport_->store(found.virtualSupported);
+  if (found.virtualSupported != self->p_.supportsVirtualDisplays)
+    self->set(&Properties::supportsVirtualDisplays, found.virtualSupported,
+              "supportsVirtualDisplays");
+  if (!found.failure) {
+    self->publishDisplays(std::move(found.displays));
     co_return;
   }
   if (!self->p_.availableDisplays.empty()) {
@@ -671,7 +738,7 @@ asio::awaitable<void> ScreenStreamService::refreshDisplaysTask(
               "availableDisplays");
   }
   try {
-    std::rethrow_exception(failure);
+    std::rethrow_exception(found.failure);
   } catch (const DisplayCaptureError& error) {
     self->noteDisplayProblem(error);
   } catch (...) {

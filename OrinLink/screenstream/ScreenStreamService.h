@@ -1,8 +1,10 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -26,6 +28,7 @@
 #include "OrinLink/screenstream/DisplayCaptureError.h"
 #include "OrinLink/screenstream/EncodedVideoFrame.h"
 #include "OrinLink/screenstream/ScreenStreamServer.h"
+#include "OrinLink/screenstream/VirtualDisplayFactory.h"
 #include "OrinLink/server/ServiceAdvertiser.h"
 #include "OrinLinkShared/ScreenStream.h"
 
@@ -97,38 +100,25 @@ struct StreamEncoderSettings {
 using EncoderFactory = std::function<std::unique_ptr<StreamEncoder>(
     const StreamEncoderSettings& settings, std::function<void(EncodedVideoFrame)> output)>;
 
-// A virtual display while it lives; destroying it removes it and gives the user's screens back.
-class VirtualScreen {
- public:
-  virtual ~VirtualScreen() = default;
-  // The id under which display capture lists it.
-  virtual std::uint32_t displayID() const = 0;
-  // Makes it the only desktop; false when that was refused.
-  virtual bool adoptAsSoleDesktop() = 0;
-};
-
-// Both calls block (round trips to the display server).
-class VirtualDisplayFactory {
- public:
-  virtual ~VirtualDisplayFactory() = default;
-  virtual bool isSupported() = 0;
-  // Throws an Error (VirtualDisplayError) with the text shown to the user.
-  virtual std::unique_ptr<VirtualScreen> create(const std::string& name, std::uint32_t width,
-                                                std::uint32_t height, double refreshRate) = 0;
-};
-
 // The platform pieces of streaming. All their blocking calls are made on the service's
 // platform executor, one at a time.
 struct StreamPlatform {
   std::shared_ptr<DisplayBackend> displays;
   EncoderFactory encoders;
   std::shared_ptr<VirtualDisplayFactory> virtualDisplays;
+  // What captures, for the diagnostics ("X11 on :0"); may block, so asked on the platform
+  // executor.
+  std::function<std::string()> describeCapture;
 };
 
 // X11 capture, libavcodec HEVC and RandR virtual displays on `xDisplay` (empty means $DISPLAY).
 // The virtual display's watchdog is the one next to the running executable unless named.
 StreamPlatform makeDefaultStreamPlatform(const std::string& xDisplay = {},
                                          const std::string& watchdogPath = {});
+
+// The bindings of the desktop session this runs in: Wayland's screen casts on a Wayland desktop
+// (the portal's restore token kept in `configDirectory`), X11's otherwise.
+StreamPlatform makeSessionStreamPlatform(const std::filesystem::path& configDirectory);
 
 // The stream settings as the user edits them.
 struct StreamSettings {
@@ -192,6 +182,10 @@ class ScreenStreamService : public std::enable_shared_from_this<ScreenStreamServ
     std::optional<std::string> streamError;
     std::string statusText = "Streaming is off.";
     bool isPortalEnabled = false;
+    // How the screen is captured, or why it cannot be ("GNOME screen cast through PipeWire").
+    std::string captureBinding;
+    // Whether this desktop can make the virtual displays that wide shapes stream.
+    bool supportsVirtualDisplays = true;
   };
 
   // Reads the stream settings; starts nothing.
@@ -308,6 +302,8 @@ class ScreenStreamService : public std::enable_shared_from_this<ScreenStreamServ
   // The listener gave up; its text stays until the server is started again.
   bool serverFailed_ = false;
   std::set<std::string> revokedHashes_;
+  // Read by the server's loop when it accepts a client.
+  std::shared_ptr<std::atomic<bool>> virtualSupport_ = std::make_shared<std::atomic<bool>>(true);
 
   // The running capture, its encoder with it.
   std::shared_ptr<CaptureRun> capture_;

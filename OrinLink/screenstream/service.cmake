@@ -2,5 +2,6 @@
 # virtual display while a headset streams.
 add_library(OrinLinkScreenService ScreenStreamService.cpp)
 target_link_libraries(OrinLinkScreenService
-  PUBLIC OrinLinkScreenServer OrinLinkCapture OrinLinkEncoder OrinLinkVirtualDisplay OrinLink::Core)
+  PUBLIC OrinLinkScreenServer OrinLinkCapture OrinLinkEncoder OrinLinkVirtualDisplay OrinLink::Core
+  PRIVATE OrinLinkWaylandCapture)
 orin_set_warnings(OrinLinkScreenService)

@@ -401,6 +401,8 @@ Ordered screenStreamSnapshot(const screen::ScreenStreamService* service) {
           {"portalEnabled", s.isPortalEnabled},
           {"lastRejection", optionalText(s.lastRejection)},
           {"error", optionalText(s.streamError)},
+          {"capture", s.captureBinding},
+          {"supportsVirtualDisplays", s.supportsVirtualDisplays},
           {"displays", displays},
           {"settings",
            {{"selectedDisplayID", s.selectedDisplayID},

@@ -182,6 +182,7 @@ TEST(Diagnostics, TheReportNamesEverythingInItsOrder) {
   s.stream.isEnabled = true;
   s.stream.port = 38142;
   s.stream.statusText = "Streaming to Vantaro.";
+  s.stream.capture = "GNOME screen cast through PipeWire";
   s.ollamaError = "Could not connect to the server.";
   s.availabilityError = "Start at Login: Permission denied";
   s.missingFacilities = {MissingFacility::notifications, MissingFacility::presence,
@@ -203,6 +204,7 @@ Start at Login: off
 Screen streaming: enabled on port 38142
 Streaming status: Streaming to Vantaro.
 Streaming error: none
+Capture: GNOME screen cast through PipeWire
 Last event: Ollama is ready with gemma4:12b.
 Server error: none
 Ollama error: Could not connect to the server.

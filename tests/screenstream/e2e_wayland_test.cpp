@@ -1,0 +1,196 @@
+// Screen streaming end to end on a Wayland desktop: orinlink in a headless GNOME session of the
+// test's own (mutter, PipeWire, Xwayland showing the animated test pattern), with the headset
+// client in the test. The session sets DISPLAY too, as a real one does, so a capture of
+// Xwayland's root instead of the screen cast would show up as a black picture.
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <numeric>
+#include <regex>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/screenstream/EndToEndSupport.h"
+#include "tests/support/WaylandSessionProcess.h"
+
+namespace orin::device {
+namespace {
+
+using namespace e2e;
+using testing_support::WaylandSessionProcess;
+
+// Decoded frames are compared at this size: enough to see the pattern's cells move.
+constexpr int thumbWidth = 96;
+constexpr int thumbHeight = 54;
+
+// Every frame of the recording decoded to small grey pictures.
+std::vector<std::vector<unsigned char>> thumbnails(const Recording& recording,
+                                                   const fs::path& file) {
+  std::ofstream(file, std::ios::binary)
+      .write(reinterpret_cast<const char*>(recording.annexB.data()),
+             static_cast<std::streamsize>(recording.annexB.size()));
+  using testing_support::shellQuoted;
+  const fs::path gray = file.string() + ".gray";
+  const int status =
+      testing_support::runShell("ffmpeg -v error -f hevc -i " + shellQuoted(file.string()) +
+                                " -fps_mode passthrough -vf scale=" + std::to_string(thumbWidth) +
+                                ":" + std::to_string(thumbHeight) + " -pix_fmt gray -f rawvideo " +
+                                shellQuoted(gray.string()))
+          .second;
+  const std::string raw = readText(gray);
+  std::vector<std::vector<unsigned char>> frames;
+  const std::size_t size = thumbWidth * thumbHeight;
+  for (std::size_t at = 0; status == 0 && at + size <= raw.size(); at += size)
+    frames.emplace_back(raw.begin() + static_cast<std::ptrdiff_t>(at),
+                        raw.begin() + static_cast<std::ptrdiff_t>(at + size));
+  return frames;
+}
+
+double mean(const std::vector<unsigned char>& picture) {
+  return std::accumulate(picture.begin(), picture.end(), 0.0) / static_cast<double>(picture.size());
+}
+
+double difference(const std::vector<unsigned char>& a, const std::vector<unsigned char>& b) {
+  double total = 0;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    total += std::abs(static_cast<int>(a[i]) - static_cast<int>(b[i]));
+  return total / static_cast<double>(a.size());
+}
+
+class EndToEndOnGnomeWayland : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (auto missing = WaylandSessionProcess::unavailable()) GTEST_SKIP() << *missing;
+    if (!testing_support::onPath("ffmpeg")) GTEST_SKIP() << "ffmpeg is not installed";
+    session_ = WaylandSessionProcess::start({"1920x1080", fps, true});
+    ASSERT_TRUE(session_) << "the Wayland session did not start";
+    app_ = std::make_unique<OrinLinkApp>(
+        directory_.path(),
+        std::vector<std::string>{"WAYLAND_DISPLAY=" + session_->waylandDisplay(),
+                                 "XDG_SESSION_TYPE=wayland", "DISPLAY=" + session_->xDisplay(),
+                                 "XAUTHORITY=" + session_->xauthority(),
+                                 "XDG_RUNTIME_DIR=" + session_->runtimeDir(),
+                                 "DBUS_SESSION_BUS_ADDRESS=" + session_->busAddress()});
+    std::string why;
+    ASSERT_TRUE(app_->waitUntilReady(why)) << why;
+    port_ = app_->enableStreaming(1080, fps);
+    ASSERT_NE(port_, 0) << app_->log();
+  }
+
+  void TearDown() override {
+    if (!app_) return;
+    const auto status = app_->stop();
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
+        << "orinlink did not exit cleanly; its output:\n"
+        << app_->log();
+  }
+
+  Headset join(const std::string& name) {
+    ScreenStreamClient::Options options;
+    options.port = port_;
+    Headset headset;
+    headset.client = std::make_unique<ScreenStreamClient>(options);
+    headset.welcome = headset.client->handshake(
+        {std::nullopt, app_->pairingCode(), "wl-" + name, name}, eventLimit);
+    return headset;
+  }
+
+  // The sizes of the monitors' current modes, as "WxH".
+  std::vector<std::string> monitorSizes() const {
+    const auto [text, status] = testing_support::runShell(
+        "DBUS_SESSION_BUS_ADDRESS=" + testing_support::shellQuoted(session_->busAddress()) +
+        " gdbus call --session -d org.gnome.Mutter.DisplayConfig -o "
+        "/org/gnome/Mutter/DisplayConfig -m org.gnome.Mutter.DisplayConfig.GetCurrentState");
+    // A mode reads ('3440x1440@60.000', 3440, 1440, 60.0, 1.0, [1.0], {'is-current': <true>, ...})
+    static const std::regex mode(R"(\('(\d+x\d+)@[^']*', \d+, \d+, [^{]*\{([^}]*)\})");
+    std::vector<std::string> sizes;
+    for (std::sregex_iterator it(text.begin(), text.end(), mode), end; status == 0 && it != end;
+         ++it) {
+      if ((*it)[2].str().find("'is-current': <true>") != std::string::npos)
+        sizes.push_back((*it)[1].str());
+    }
+    return sizes;
+  }
+
+  bool hasWideMonitor() const {
+    const auto sizes = monitorSizes();
+    return std::find(sizes.begin(), sizes.end(), "3440x1440") != sizes.end();
+  }
+
+  orin::test::TemporaryDirectory directory_;
+  std::unique_ptr<WaylandSessionProcess> session_;
+  std::unique_ptr<OrinLinkApp> app_;
+  std::uint16_t port_ = 0;
+};
+
+TEST_F(EndToEndOnGnomeWayland, MirrorFramesDecodeAtTheMonitorsSizeAndMove) {
+  Headset headset = join("mirror");
+  EXPECT_EQ(headset.welcome.accepted.supportsVirtualDisplays, true);
+  Recording got;
+  ASSERT_TRUE(receiveFrames(*headset.client, got, 2 * fps, startLimit)) << got.describe() << "\n"
+                                                                        << app_->log();
+  EXPECT_EQ(got.configs.back().width, 1920);
+  EXPECT_EQ(got.configs.back().height, 1080);
+  EXPECT_EQ(app_->state()["screenStream"]["capture"], "GNOME screen cast through PipeWire");
+
+  const auto frames = thumbnails(got, directory_.path() / "mirror.hevc");
+  ASSERT_EQ(frames.size(), got.frames.size());
+  std::size_t changed = 0;
+  for (std::size_t i = 0; i < frames.size(); ++i) {
+    EXPECT_GT(mean(frames[i]), 16.0) << "frame " << i << " is black";
+    if (i > 0 && difference(frames[i], frames[i - 1]) > 1.0) ++changed;
+  }
+  std::printf("%zu of %zu frames differ from the one before\n", changed, frames.size());
+  EXPECT_GE(changed, frames.size() / 4) << "the picture is frozen";
+}
+
+TEST_F(EndToEndOnGnomeWayland, AWideMonitorExistsExactlyWhileTheClientAsksForIt) {
+  Headset headset = join("wide");
+  Recording got;
+  ASSERT_TRUE(receiveUntil(*headset.client, got, startLimit, [&] {
+    return got.keyframeOfSize(0, 1920, 1080);
+  })) << got.describe();
+  EXPECT_FALSE(hasWideMonitor());
+
+  sendShape(*headset.client, OrinScreenShape::ultrawide);
+  std::size_t from = got.order.size();
+  ASSERT_TRUE(receiveUntil(*headset.client, got, startLimit,
+                           [&] { return got.keyframeOfSize(from, 2580, 1080); }))
+      << got.describe() << "\n"
+      << app_->log();
+  EXPECT_TRUE(hasWideMonitor()) << testing::PrintToString(monitorSizes());
+  ASSERT_TRUE(receiveFrames(*headset.client, got, 3, startLimit));
+
+  sendShape(*headset.client, OrinScreenShape::mirror);
+  from = got.order.size();
+  ASSERT_TRUE(receiveUntil(*headset.client, got, startLimit, [&] {
+    return got.keyframeOfSize(from, 1920, 1080);
+  })) << got.describe();
+  EXPECT_TRUE(eventually([&] { return !hasWideMonitor(); }, eventLimit))
+      << testing::PrintToString(monitorSizes());
+
+  const Probe decoded = probe(got, directory_.path() / "shapes.hevc");
+  EXPECT_EQ(decoded.errors, "");
+  EXPECT_EQ(decoded.frameSizes.size(), got.frames.size());
+}
+
+TEST_F(EndToEndOnGnomeWayland, AKilledAppLeavesNoWideMonitorBehind) {
+  Headset headset = join("killed");
+  sendShape(*headset.client, OrinScreenShape::ultrawide);
+  Recording got;
+  ASSERT_TRUE(receiveUntil(*headset.client, got, startLimit,
+                           [&] { return got.keyframeOfSize(0, 2580, 1080); }))
+      << got.describe() << "\n"
+      << app_->log();
+  ASSERT_TRUE(hasWideMonitor());
+
+  app_->kill();
+  EXPECT_TRUE(eventually([&] { return !hasWideMonitor(); }, eventLimit))
+      << testing::PrintToString(monitorSizes());
+  app_.reset();
+}
+
+}  // namespace
+}  // namespace orin::device
