@@ -506,6 +506,22 @@ StateSnapshot AppState::stateSnapshot() const {
     s.stream.statusText = stream.statusText;
     s.stream.error = stream.streamError;
     s.stream.capture = stream.captureBinding;
+    if (stream.captureBlocker) {
+      using Blocker = screen::DisplayCaptureError::Kind;
+      switch (*stream.captureBlocker) {
+        case Blocker::sharingDeclined:
+          s.stream.blocked = StreamBlock::sharingDeclined;
+          break;
+        case Blocker::pipeWireUnavailable:
+          s.stream.blocked = StreamBlock::pipeWireMissing;
+          break;
+        case Blocker::screenCastUnavailable:
+          s.stream.blocked = StreamBlock::screenCastMissing;
+          break;
+        default:
+          break;
+      }
+    }
   }
   s.missingFacilities = missingFacilities(env_.desktop, p_.isDiscoveryAvailable);
   return s;
@@ -533,6 +549,9 @@ std::optional<SetupIssue::Kind> AppState::performSetupAction() {
       break;
     case SetupIssue::Kind::noDevicePaired:
       newPairingCode();
+      break;
+    case SetupIssue::Kind::screenSharingBlocked:
+      if (screenStream_) screenStream_->retryCapture();
       break;
   }
   return issue->kind;

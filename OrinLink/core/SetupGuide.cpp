@@ -73,6 +73,26 @@ std::optional<SetupIssue> setupIssue(const StateSnapshot& state) {
         "Pair your Vision Pro, iPhone, or iPad by scanning or entering the pairing code.",
         "New Code", std::nullopt};
   }
+  if (state.stream.isEnabled && state.stream.blocked) {
+    switch (*state.stream.blocked) {
+      case StreamBlock::sharingDeclined:
+        return SetupIssue{Kind::screenSharingBlocked, "Screen sharing was declined",
+                          "Your desktop asks before it lets Orin Link share the screen with your "
+                          "headset. Ask again and choose a screen to share.",
+                          "Ask Again", std::nullopt};
+      case StreamBlock::pipeWireMissing:
+        return SetupIssue{Kind::screenSharingBlocked, "PipeWire isn't running",
+                          "This desktop shares its screen through PipeWire. Install PipeWire and "
+                          "WirePlumber, log out and in again, then check again.",
+                          "Check Again", "sudo apt install pipewire wireplumber"};
+      case StreamBlock::screenCastMissing:
+        return SetupIssue{Kind::screenSharingBlocked, "This desktop can't share its screen yet",
+                          "Streaming on Wayland needs your desktop's portal "
+                          "(xdg-desktop-portal-gnome, -kde or -wlr). Install it, log out and in "
+                          "again, then check again.",
+                          "Check Again", std::nullopt};
+    }
+  }
   return std::nullopt;
 }
 

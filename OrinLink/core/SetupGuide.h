@@ -21,7 +21,8 @@ struct SetupIssue {
     ollamaNotInstalled,
     ollamaNotRunning,
     modelMissing,
-    noDevicePaired
+    noDevicePaired,
+    screenSharingBlocked
   };
 
   Kind kind = Kind::serverStopped;
@@ -36,9 +37,13 @@ struct SetupIssue {
 
 template <>
 struct EnumTraits<SetupIssue::Kind> {
-  static constexpr std::array<std::string_view, 5> rawValues{
-      "serverStopped", "ollamaNotInstalled", "ollamaNotRunning", "modelMissing", "noDevicePaired"};
+  static constexpr std::array<std::string_view, 6> rawValues{
+      "serverStopped", "ollamaNotInstalled", "ollamaNotRunning",
+      "modelMissing",  "noDevicePaired",     "screenSharingBlocked"};
 };
+
+// What keeps a Wayland desktop from sharing its screen.
+enum class StreamBlock { sharingDeclined, pipeWireMissing, screenCastMissing };
 
 // How the orb moves.
 enum class OrbMood { dormant, idle, thinking, streaming };
@@ -98,6 +103,8 @@ struct StateSnapshot {
     std::optional<std::string> error;
     // How the screen is captured, or why it cannot be; empty until first asked.
     std::string capture;
+    // What a Wayland desktop lacks for streaming, while it lacks it.
+    std::optional<StreamBlock> blocked;
   };
   Stream stream;
 

@@ -88,6 +88,7 @@ MutterMonitor readMonitor(sd_bus_message* m) {
       return key == "is-current" && readVariant(m, "b", &current);
     });
     if (current != 0) {
+      monitor.modeId = modeId;
       monitor.width = width;
       monitor.height = height;
       monitor.refreshRate = refresh;
@@ -143,7 +144,7 @@ bool MutterScreenCast::canRecordVirtual() {
   return version >= virtualPlatformVersion;
 }
 
-std::vector<MutterMonitor> MutterScreenCast::monitors() {
+MutterDisplayState MutterScreenCast::displayState() {
   auto bus = connect();
   sdbus::BusError error;
   sd_bus_message* raw = nullptr;
@@ -152,15 +153,66 @@ std::vector<MutterMonitor> MutterScreenCast::monitors() {
                          "GetCurrentState", error.get(), &raw, "");
   if (status < 0) fail(error, status);
   const sdbus::Message reply(raw);
-  std::uint32_t serial = 0;
-  check(sd_bus_message_read(raw, "u", &serial));
-  std::vector<MutterMonitor> found;
+  MutterDisplayState state;
+  check(sd_bus_message_read(raw, "u", &state.serial));
   check(sd_bus_message_enter_container(raw, 'a', "((ssss)a(siiddada{sv})a{sv})"));
   while (check(sd_bus_message_enter_container(raw, 'r', "(ssss)a(siiddada{sv})a{sv}")) > 0) {
-    found.push_back(readMonitor(raw));
+    state.monitors.push_back(readMonitor(raw));
     check(sd_bus_message_exit_container(raw));
   }
-  return found;
+  check(sd_bus_message_exit_container(raw));
+  check(sd_bus_message_enter_container(raw, 'a', "(iiduba(ssss)a{sv})"));
+  while (check(sd_bus_message_enter_container(raw, 'r', "iiduba(ssss)a{sv}")) > 0) {
+    MutterLogicalMonitor logical;
+    int primary = 0;
+    check(sd_bus_message_read(raw, "iidub", &logical.x, &logical.y, &logical.scale,
+                              &logical.transform, &primary));
+    logical.primary = primary != 0;
+    check(sd_bus_message_enter_container(raw, 'a', "(ssss)"));
+    const char* ids[4] = {};
+    while (check(sd_bus_message_read(raw, "(ssss)", &ids[0], &ids[1], &ids[2], &ids[3])) > 0)
+      logical.connectors.emplace_back(ids[0]);
+    check(sd_bus_message_exit_container(raw));
+    check(sd_bus_message_skip(raw, "a{sv}"));
+    check(sd_bus_message_exit_container(raw));
+    state.layout.push_back(std::move(logical));
+  }
+  return state;
+}
+
+void MutterScreenCast::applyLayout(std::uint32_t serial,
+                                   const std::vector<MutterLogicalMonitor>& layout,
+                                   const std::vector<MutterMonitor>& monitors) {
+  constexpr std::uint32_t temporary = 1;
+  auto bus = connect();
+  sd_bus_message* raw = nullptr;
+  check(sd_bus_message_new_method_call(bus.get(), &raw, displayConfigName, displayConfigPath,
+                                       displayConfigName, "ApplyMonitorsConfig"));
+  const sdbus::Message call(raw);
+  check(sd_bus_message_append(raw, "uu", serial, temporary));
+  check(sd_bus_message_open_container(raw, 'a', "(iiduba(ssa{sv}))"));
+  for (const auto& logical : layout) {
+    check(sd_bus_message_open_container(raw, 'r', "iiduba(ssa{sv})"));
+    check(sd_bus_message_append(raw, "iidub", logical.x, logical.y, logical.scale,
+                                logical.transform, logical.primary ? 1 : 0));
+    check(sd_bus_message_open_container(raw, 'a', "(ssa{sv})"));
+    for (const auto& connector : logical.connectors) {
+      const auto monitor =
+          std::find_if(monitors.begin(), monitors.end(),
+                       [&](const MutterMonitor& m) { return m.connector == connector; });
+      if (monitor == monitors.end() || monitor->modeId.empty()) continue;
+      check(sd_bus_message_append(raw, "(ssa{sv})", connector.c_str(), monitor->modeId.c_str(), 0));
+    }
+    check(sd_bus_message_close_container(raw));
+    check(sd_bus_message_close_container(raw));
+  }
+  check(sd_bus_message_close_container(raw));
+  check(sd_bus_message_append(raw, "a{sv}", 0));
+  sdbus::BusError error;
+  sd_bus_message* reply = nullptr;
+  const int status = sd_bus_call(bus.get(), raw, 0, error.get(), &reply);
+  if (status < 0) fail(error, status);
+  sd_bus_message_unref(reply);
 }
 
 std::unique_ptr<MutterScreenCast::Session> MutterScreenCast::recordMonitor(

@@ -23,7 +23,26 @@ struct MutterMonitor {
   int width = 0;
   int height = 0;
   double refreshRate = 0;
+  // The current mode's id, as a configuration names it.
+  std::string modeId;
   bool operator==(const MutterMonitor&) const = default;
+};
+
+// One area of the desktop and the monitors that show it.
+struct MutterLogicalMonitor {
+  int x = 0;
+  int y = 0;
+  double scale = 1;
+  std::uint32_t transform = 0;
+  bool primary = false;
+  std::vector<std::string> connectors;
+  bool operator==(const MutterLogicalMonitor&) const = default;
+};
+
+struct MutterDisplayState {
+  std::uint32_t serial = 0;
+  std::vector<MutterMonitor> monitors;
+  std::vector<MutterLogicalMonitor> layout;
 };
 
 // GNOME's own screen-cast and display-configuration services on the session bus. Every call
@@ -53,7 +72,12 @@ class MutterScreenCast {
   // Whether the screen-cast service answers, and whether it can make virtual monitors.
   bool isAvailable();
   bool canRecordVirtual();
-  std::vector<MutterMonitor> monitors();
+  std::vector<MutterMonitor> monitors() { return displayState().monitors; }
+  MutterDisplayState displayState();
+  // Lays the desktop out anew for this login session only (the user's stored layout stays), each
+  // monitor in the mode `modes` gives it. `serial` is that of the state it changes.
+  void applyLayout(std::uint32_t serial, const std::vector<MutterLogicalMonitor>& layout,
+                   const std::vector<MutterMonitor>& modes);
 
   // The monitor on `connector`, cursor drawn in.
   std::unique_ptr<Session> recordMonitor(const std::string& connector);

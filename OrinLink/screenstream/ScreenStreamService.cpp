@@ -699,6 +699,11 @@ void ScreenStreamService::refreshStatus() {
   if (text != p_.statusText) set(&Properties::statusText, text, "statusText");
 }
 
+void ScreenStreamService::retryCapture() {
+  if (!p_.connectedClients.empty() && !capture_ && !captureStarting_) startCapture();
+  refreshDisplays();
+}
+
 void ScreenStreamService::refreshDisplays() {
   asio::co_spawn(env_.mainExecutor, refreshDisplaysTask(weak_from_this()), asio::detached);
 }
@@ -756,6 +761,7 @@ void ScreenStreamService::publishDisplays(std::vector<CapturableDisplay> display
   if (captureBlocker_) {
     const std::string blocked = captureBlocker_->what();
     captureBlocker_.reset();
+    set(&Properties::captureBlocker, std::nullopt, "captureBlocker");
     if (p_.streamError == blocked) set(&Properties::streamError, std::nullopt, "streamError");
     refreshStatus();
   }
@@ -764,6 +770,8 @@ void ScreenStreamService::publishDisplays(std::vector<CapturableDisplay> display
 void ScreenStreamService::noteDisplayProblem(const DisplayCaptureError& error) {
   if (!blocksCapture(error)) return;
   captureBlocker_ = error;
+  if (p_.captureBlocker != error.kind())
+    set(&Properties::captureBlocker, error.kind(), "captureBlocker");
   if (p_.streamError != error.what())
     set(&Properties::streamError, std::string(error.what()), "streamError");
   refreshStatus();

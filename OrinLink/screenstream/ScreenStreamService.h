@@ -186,6 +186,8 @@ class ScreenStreamService : public std::enable_shared_from_this<ScreenStreamServ
     std::string captureBinding;
     // Whether this desktop can make the virtual displays that wide shapes stream.
     bool supportsVirtualDisplays = true;
+    // Why capture cannot start until something changes, while it cannot.
+    std::optional<DisplayCaptureError::Kind> captureBlocker;
   };
 
   // Reads the stream settings; starts nothing.
@@ -209,6 +211,9 @@ class ScreenStreamService : public std::enable_shared_from_this<ScreenStreamServ
 
   // Reloads availableDisplays on the platform executor.
   void refreshDisplays();
+  // After the user fixed what blocked capture: looks again, and asks the desktop again for
+  // clients that are waiting.
+  void retryCapture();
   // Takes the user's edits, stores them, and restarts whatever they affect.
   void applySettings(const StreamSettings& settings);
   StreamSettings settings() const;

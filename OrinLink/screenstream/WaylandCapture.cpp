@@ -36,6 +36,9 @@ struct VirtualCast {
   std::shared_ptr<PipeWireCapture> capture;
   std::uint32_t id = 0;
   std::string name;
+  // Makes it the only monitor of the desktop and returns what puts the others back; null where
+  // the desktop arranges its monitors itself.
+  std::function<std::function<void()>()> adoptAsSole;
 };
 
 // What one kind of Wayland desktop offers.
@@ -108,6 +111,9 @@ class GnomeBinding final : public Binding {
             cast->name = monitor.displayName.empty() ? monitor.connector : monitor.displayName;
           }
         }
+        cast->adoptAsSole = [this, connector = added.front().connector] {
+          return adoptAsSole(connector);
+        };
         return cast;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -129,6 +135,20 @@ class GnomeBinding final : public Binding {
       result.emplace_back(id, monitor);
     }
     return result;
+  }
+
+  // The layout as it was goes back exactly, in this login session; the user's stored layout was
+  // never changed.
+  std::function<void()> adoptAsSole(const std::string& connector) {
+    const MutterDisplayState before = mutter_.displayState();
+    mutter_.applyLayout(before.serial, {{0, 0, 1.0, 0, true, {connector}}}, before.monitors);
+    return [this, before] {
+      try {
+        mutter_.applyLayout(mutter_.displayState().serial, before.layout, before.monitors);
+      } catch (const Error&) {
+        // The compositor lays the monitors out again itself once the virtual one is gone.
+      }
+    };
   }
 
   MutterScreenCast mutter_;
@@ -294,12 +314,23 @@ class WaylandDisplayBackend final : public DisplayBackend {
 class CastVirtualScreen final : public VirtualScreen {
  public:
   explicit CastVirtualScreen(std::shared_ptr<VirtualCast> cast) : cast_(std::move(cast)) {}
+  ~CastVirtualScreen() override {
+    if (restore_) restore_();
+  }
   std::uint32_t displayID() const override { return cast_->id; }
-  // The compositor arranges its own monitors; taking the others away is not ours to do here.
-  bool adoptAsSoleDesktop() override { return false; }
+  bool adoptAsSoleDesktop() override {
+    if (!cast_->adoptAsSole || restore_) return static_cast<bool>(restore_);
+    try {
+      restore_ = cast_->adoptAsSole();
+    } catch (const Error&) {
+      return false;
+    }
+    return true;
+  }
 
  private:
   std::shared_ptr<VirtualCast> cast_;
+  std::function<void()> restore_;
 };
 
 class WaylandVirtualDisplayFactory final : public VirtualDisplayFactory {

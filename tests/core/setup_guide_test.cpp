@@ -47,6 +47,10 @@ TEST(SetupGuide, TheFirstProblemInOrderIsTheIssue) {
   };
   const auto modelMissing = [](StateSnapshot& s) { s.isActiveModelInstalled = false; };
   const auto unpaired = [](StateSnapshot& s) { s.pairedDevices = 0; };
+  const auto declined = [](StateSnapshot& s) {
+    s.stream.isEnabled = true;
+    s.stream.blocked = StreamBlock::sharingDeclined;
+  };
   struct Case {
     std::string name;
     StateSnapshot state;
@@ -72,6 +76,17 @@ TEST(SetupGuide, TheFirstProblemInOrderIsTheIssue) {
        }),
        Kind::modelMissing},
       {"unpaired", readyBut(unpaired), Kind::noDevicePaired},
+      {"sharing declined while unpaired", readyBut([&](auto& s) {
+         unpaired(s);
+         declined(s);
+       }),
+       Kind::noDevicePaired},
+      {"sharing declined", readyBut(declined), Kind::screenSharingBlocked},
+      {"declined, streaming off", readyBut([&](auto& s) {
+         declined(s);
+         s.stream.isEnabled = false;
+       }),
+       std::nullopt},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
