@@ -1,6 +1,6 @@
 // Draws an animated test picture over the whole X screen at a given rate, with a time stamp
 // (TestStamp.h) at the top-left corner of every monitor, until it is terminated or the X server
-// goes away.
+// goes away. Prints "ready" once the first frame is on the screen.
 //
 //   orin-test-pattern [--fps N] [--cell PIXELS] [--display NAME]
 
@@ -231,6 +231,12 @@ int main(int argc, char** argv) {
   clock_gettime(CLOCK_MONOTONIC, &next);
   for (std::uint32_t frame = 0; !stopRequested && !xcb_connection_has_error(c); ++frame) {
     pattern.draw(frame);
+    // The first frame's round trip came back after the map request, so the window is up; scripts
+    // wait for this line before they tell their callers the screen is ready.
+    if (frame == 0) {
+      std::puts("ready");
+      std::fflush(stdout);
+    }
     // Frames missed while the server was busy are skipped, keeping the rate and the phase.
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
