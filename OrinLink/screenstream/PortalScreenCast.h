@@ -19,6 +19,11 @@ inline constexpr std::uint32_t portalSourceVirtual = 4;
 // One started screen-cast session of the desktop portal: the stream to read and the PipeWire
 // connection to read it through. The session ends when this goes (Close, then the bus closes).
 struct PortalStream {
+  PortalStream() = default;
+  PortalStream(PortalStream&& other) noexcept;
+  PortalStream& operator=(PortalStream&&) = delete;
+  ~PortalStream();
+
   sdbus::Bus bus;
   std::string sessionHandle;
   // Owned by the stream until handed to PipeWireCapture; -1 once taken.
@@ -27,7 +32,6 @@ struct PortalStream {
   // The size the compositor gave the stream, when it said.
   std::optional<std::uint32_t> width;
   std::optional<std::uint32_t> height;
-  ~PortalStream();
 };
 
 // The ScreenCast portal on the session bus, for desktops other than GNOME. The user is asked to
@@ -46,8 +50,10 @@ class PortalScreenCast {
   // The AvailableSourceTypes bits, 0 when there is no portal (or no ScreenCast interface).
   std::uint32_t availableSourceTypes();
   // CreateSession, SelectSources (MONITOR or VIRTUAL, cursor embedded, persist mode 2, the kept
-  // restore token), Start, OpenPipeWireRemote. Keeps the new restore token. Blocks. Throws
-  // DisplayCaptureError: permissionDenied when the user declined or the portal refused.
+  // restore token), Start, OpenPipeWireRemote. Keeps the new restore token. Blocks, at most
+  // answerTimeout for the dialog and a few seconds for each other step. Throws
+  // DisplayCaptureError: sharingDeclined when the user said no, screenCastUnavailable when there
+  // is no portal or it cannot share `sourceType`, captureFailed otherwise.
   PortalStream start(std::uint32_t sourceType);
 
  private:
