@@ -323,7 +323,8 @@ class ServiceHarness : public testing::Test {
                       if (failure) throw *failure;
                       return std::make_unique<FakeEncoder>(probe_, settings, std::move(output));
                     },
-                    std::make_shared<FakeVirtualDisplays>(probe_)};
+                    std::make_shared<FakeVirtualDisplays>(probe_),
+                    [] { return std::string("fake displays"); }};
     env.bindAddress = asio::ip::address_v4::loopback();
     env.portOverride = port;
     env.rejectionClearDelay = 50ms;
@@ -662,7 +663,11 @@ TEST_F(ScreenStreamServiceTest, NotesRejectionsAndClearsThemLater) {
   make();
   const std::string token = pairDevice("dev-1", "Headset");
   const std::uint16_t port = enable();
-  auto& client = stream(port, token);
+  ASSERT_TRUE(eventually([&] { return !probe_.props.supportsVirtualDisplays; }));
+  auto& client = connect(port);
+  EXPECT_EQ(client.handshake({token, std::nullopt, "Headset", "Headset"}, patience)
+                .accepted.supportsVirtualDisplays,
+            false);
   EXPECT_EQ(nextShape(client), 0);
 
   client.send(setShape(OrinScreenShape::superUltrawide));
@@ -817,6 +822,11 @@ INSTANTIATE_TEST_SUITE_P(
             "The Mac needs Screen Recording permission: on the Mac, allow Orin Link in "
             "System Settings > Privacy & Security > Screen Recording, then quit and "
             "reopen Orin Link."},
+        FailureCase{"sharingDeclined",
+                    [](Probe& p) { p.listingFailure = DisplayCaptureError::sharingDeclined(); },
+                    json::object(), ", but streaming is blocked until screen sharing is allowed.",
+                    DisplayCaptureError::sharingDeclined().what(),
+                    couldNotStart(DisplayCaptureError::sharingDeclined().what())},
         FailureCase{"noDisplays", [](Probe& p) { p.displays.clear(); }, json::object(), waiting,
                     "No display available to capture.",
                     couldNotStart("No display available to capture.")},
