@@ -256,7 +256,9 @@ supervise() {
   shift 2
   parse_options "$@"
   pattern_program=""
-  [ -z "$pattern_fps" ] || pattern_program="$(find_pattern)"
+  [ -z "$pattern_fps" ] || pattern_program="$(realpath "$(find_pattern)")"
+  # Xwayland runs with -core: a crash's core file belongs with the session's logs.
+  cd "$dir"
   export ORIN_WAYLAND_SESSION="$dir"
   export HOME="$dir/home" XDG_RUNTIME_DIR="$dir/runtime" GSETTINGS_BACKEND=keyfile
   export XDG_CONFIG_HOME="$HOME/.config" XDG_DATA_HOME="$HOME/.local/share"
