@@ -44,9 +44,10 @@ DisplayCaptureError DisplayCaptureError::captureFailed(std::string_view origin,
 }
 
 DisplayCaptureError DisplayCaptureError::sharingDeclined() {
-  return {Kind::sharingDeclined,
-          "Screen sharing was declined. Allow Orin Link to share the screen when your desktop asks, "
-          "then switch streaming off and on again."};
+  return {
+      Kind::sharingDeclined,
+      "Screen sharing was declined. Allow Orin Link to share the screen when your desktop asks, "
+      "then switch streaming off and on again."};
 }
 
 DisplayCaptureError DisplayCaptureError::pipeWireUnavailable() {
@@ -64,6 +65,12 @@ DisplayCaptureError DisplayCaptureError::screenCastUnavailable() {
 
 DisplayCaptureError DisplayCaptureError::sharingEnded() {
   return {Kind::sharingEnded, "The desktop stopped sharing the screen."};
+}
+
+DisplayCaptureError DisplayCaptureError::sharingSilent() {
+  return {Kind::sharingSilent,
+          "The desktop began sharing the screen but sent no picture. Switch streaming off and on "
+          "again; if it keeps happening, log out and in again."};
 }
 
 }  // namespace orin::screen

@@ -23,6 +23,7 @@ class DisplayCaptureError : public Error {
     pipeWireUnavailable,
     screenCastUnavailable,
     sharingEnded,
+    sharingSilent,
   };
 
   // Kept for platforms that gate capture behind a permission; X11 has none.
@@ -44,6 +45,8 @@ class DisplayCaptureError : public Error {
   static DisplayCaptureError screenCastUnavailable();
   // Wayland: the compositor ended the stream, or the user stopped sharing.
   static DisplayCaptureError sharingEnded();
+  // Wayland: the stream was set up but no picture came in time.
+  static DisplayCaptureError sharingSilent();
 
   Kind kind() const { return kind_; }
 

@@ -23,19 +23,23 @@ struct PipeWireTarget {
   int framesPerSecond = 60;
 };
 
-// A consumer of one screen-cast stream: BGRx or BGRA, in memfd or shared-memory buffers (DMA-BUF
-// only where it maps). Frames arrive on damage; latest() hands out the newest one again and again,
-// so a still desktop goes on producing frames. A frame keeps its buffer out of the stream for as
-// long as the frame lives, so pixels reach the encoder without a copy.
+// A consumer of one screen-cast stream: BGRx or BGRA in shared memory (memfd, or memory PipeWire
+// placed itself; no DMA-BUF). Frames arrive on damage; latest() hands out the newest one again
+// and again, so a still desktop goes on producing frames. A frame keeps its buffer out of the
+// stream for as long as the frame lives, so pixels reach the encoder without a copy; frames may
+// outlive the capture, which closes its stream once the last of them is gone.
 class PipeWireCapture {
  public:
-  // Connects, negotiates and waits for the first frame up to `timeout`. Throws DisplayCaptureError.
+  // Connects, negotiates and waits for the first frame up to `timeout`. Throws
+  // DisplayCaptureError: pipeWireUnavailable when PipeWire does not answer, sharingEnded when the
+  // node is not there (or goes), sharingSilent when no picture came in time.
   static std::unique_ptr<PipeWireCapture> open(PipeWireTarget target,
                                                std::chrono::milliseconds timeout);
   virtual ~PipeWireCapture() = default;
 
-  // The newest frame, stamped now. Nothing when every buffer is out. Throws DisplayCaptureError
-  // once the stream failed or its producer went away. Any thread, one at a time.
+  // The newest frame, stamped now. Nothing while no picture is at hand (after a renegotiation,
+  // until the next one). Throws DisplayCaptureError (sharingEnded) once the stream failed or its
+  // producer went away. Any thread, one at a time.
   virtual std::optional<CapturedFrame> latest() = 0;
   // The negotiated size.
   virtual std::uint32_t width() const = 0;
