@@ -13,12 +13,17 @@
 #include <gtest/gtest.h>
 
 #include "tests/screenstream/EndToEndSupport.h"
+#include "tests/screenstream/PortalStandIn.h"
+#include "tests/support/PipeWireDaemon.h"
+#include "tests/support/PipeWireProducer.h"
 #include "tests/support/WaylandSessionProcess.h"
 
 namespace orin::device {
 namespace {
 
 using namespace e2e;
+using testing_support::PipeWireDaemon;
+using testing_support::PipeWireProducer;
 using testing_support::WaylandSessionProcess;
 
 // Decoded frames are compared at this size: enough to see the pattern's cells move.
@@ -193,6 +198,106 @@ TEST_F(EndToEndOnGnomeWayland, AKilledAppLeavesTheDesktopAsItWas) {
   EXPECT_TRUE(eventually([&] { return showsOnly("1920x1080"); }, eventLimit))
       << testing::PrintToString(monitorSizes());
   app_.reset();
+}
+
+// Any other Wayland desktop: the desktop portal (a stand-in on the session's bus) hands out a
+// PipeWire node that a test source feeds, as a compositor would once the user chose a screen.
+class EndToEndThroughThePortal : public ::testing::Test {
+ protected:
+  void start(test::PortalStandIn::Behaviour behaviour) {
+    if (auto missing = PipeWireDaemon::unavailable()) GTEST_SKIP() << *missing;
+    std::string why;
+    pipeWire_ = PipeWireDaemon::start(why);
+    ASSERT_TRUE(pipeWire_) << why;
+    producer_ = PipeWireProducer::start(*pipeWire_, {.width = 1280, .height = 720});
+    ASSERT_TRUE(producer_);
+    behaviour.streams = {{producer_->nodeId(), std::make_pair(1280, 720)}};
+    behaviour.pipeWireSocket = pipeWire_->socketPath();
+    portal_.emplace(pipeWire_->busAddress(), behaviour);
+    // No compositor answers there: nothing but the portal may be asked for the screen.
+    app_ = std::make_unique<OrinLinkApp>(
+        directory_.path(),
+        std::vector<std::string>{"WAYLAND_DISPLAY=wayland-unserved", "XDG_SESSION_TYPE=wayland",
+                                 "XDG_RUNTIME_DIR=" + pipeWire_->runtimeDirectory(),
+                                 "DBUS_SESSION_BUS_ADDRESS=" + pipeWire_->busAddress()});
+    ASSERT_TRUE(app_->waitUntilReady(why)) << why;
+    port_ = app_->enableStreaming(1080, fps);
+    ASSERT_NE(port_, 0) << app_->log();
+  }
+
+  void TearDown() override {
+    if (!app_) return;
+    const auto status = app_->stop();
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << app_->log();
+  }
+
+  Headset join(const std::string& name) {
+    ScreenStreamClient::Options options;
+    options.port = port_;
+    Headset headset;
+    headset.client = std::make_unique<ScreenStreamClient>(options);
+    headset.welcome = headset.client->handshake(
+        {std::nullopt, app_->pairingCode(), "portal-" + name, name}, eventLimit);
+    return headset;
+  }
+
+  orin::test::TemporaryDirectory directory_;
+  std::unique_ptr<PipeWireDaemon> pipeWire_;
+  std::unique_ptr<PipeWireProducer> producer_;
+  std::optional<test::PortalStandIn> portal_;
+  std::unique_ptr<OrinLinkApp> app_;
+  std::uint16_t port_ = 0;
+};
+
+TEST_F(EndToEndThroughThePortal, StreamsTheChosenScreenAndKeepsTheChoice) {
+  start({});
+  Headset headset = join("shared");
+  Recording got;
+  ASSERT_TRUE(receiveFrames(*headset.client, got, fps, startLimit)) << got.describe() << "\n"
+                                                                    << app_->log();
+  const Probe decoded = probe(got, directory_.path() / "portal.hevc");
+  EXPECT_EQ(decoded.errors, "");
+  EXPECT_EQ(decoded.frameSizes.size(), got.frames.size());
+  EXPECT_EQ(app_->state()["screenStream"]["capture"],
+            "desktop portal screen cast through PipeWire");
+
+  const auto seen = portal_->seen();
+  EXPECT_EQ(seen.cursorMode, 2u) << "the cursor is to be drawn into the picture";
+  EXPECT_EQ(seen.persistMode, 2u);
+  const fs::path token = directory_.path() / "config" / "screencast-restore-token";
+  ASSERT_TRUE(fs::exists(token));
+  EXPECT_EQ(fs::status(token).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST_F(EndToEndThroughThePortal, ADeclinedShareBlocksStreamingAndSaysWhy) {
+  // A portal without virtual screens, as wlroots desktops have.
+  start({.sourceTypes = 1, .startResponse = 1});
+  ASSERT_TRUE(
+      eventually([&] { return app_->state()["screenStream"]["supportsVirtualDisplays"] == false; },
+                 eventLimit));
+  Headset headset = join("declined");
+  EXPECT_EQ(headset.welcome.accepted.supportsVirtualDisplays, false);
+  Recording got;
+  receiveUntil(*headset.client, got, eventLimit, [&] {
+    return std::any_of(got.controls.begin(), got.controls.end(),
+                       [](const OrinScreenControlMessage& m) { return m.kind == Kind::error; });
+  });
+  const std::string declined =
+      "Screen sharing was declined. Allow Orin Link to share the screen when your desktop asks, "
+      "then switch streaming off and on again.";
+  const auto error = std::find_if(got.controls.begin(), got.controls.end(),
+                                  [](const auto& m) { return m.kind == Kind::error; });
+  ASSERT_NE(error, got.controls.end()) << got.describe();
+  EXPECT_EQ(error->message, "The Mac could not start streaming: " + declined +
+                                ". Check the Orin Link window on the Mac.");
+  EXPECT_EQ(app_->state()["screenStream"]["error"], declined);
+
+  sendShape(*headset.client, OrinScreenShape::ultrawide);
+  got.controls.clear();
+  receiveUntil(*headset.client, got, eventLimit,
+               [&] { return got.sawShape(OrinScreenShape::mirror); });
+  EXPECT_TRUE(got.sawShape(OrinScreenShape::mirror)) << got.describe();
 }
 
 }  // namespace

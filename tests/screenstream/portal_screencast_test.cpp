@@ -12,18 +12,14 @@
 #include <gtest/gtest.h>
 
 #include "OrinLink/screenstream/DisplayCaptureError.h"
+#include "OrinLink/screenstream/PipeWireCapture.h"
 #include "OrinLink/screenstream/PortalScreenCast.h"
 
 #include "tests/screenstream/PortalStandIn.h"
 #include "tests/support/Eventually.h"
-#include "tests/system/SystemFixture.h"
-
-#ifdef ORIN_PORTAL_WITH_PIPEWIRE
-#include "OrinLink/screenstream/PipeWireCapture.h"
-
 #include "tests/support/PipeWireDaemon.h"
 #include "tests/support/PipeWireProducer.h"
-#endif
+#include "tests/system/SystemFixture.h"
 
 namespace orin::screen {
 namespace {
@@ -218,7 +214,6 @@ TEST(PortalScreenCast, TheRestoreTokenIsKeptPrivateAndBroughtBack) {
   EXPECT_FALSE(fs::exists(file));
 }
 
-#ifdef ORIN_PORTAL_WITH_PIPEWIRE
 TEST(PortalScreenCast, FramesArriveThroughTheRemoteAndNodeItHandsOut) {
   using testing_support::PipeWireDaemon;
   using testing_support::PipeWireProducer;
@@ -242,7 +237,6 @@ TEST(PortalScreenCast, FramesArriveThroughTheRemoteAndNodeItHandsOut) {
   EXPECT_EQ(capture->width(), 320U);
   EXPECT_TRUE(eventually([&] { return capture->latest().has_value(); }));
 }
-#endif
 
 }  // namespace
 }  // namespace orin::screen

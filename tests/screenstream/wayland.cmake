@@ -3,7 +3,8 @@
 # Serial, as the X11 ones are.
 add_executable(e2e_wayland_tests e2e_wayland_test.cpp)
 target_link_libraries(e2e_wayland_tests PRIVATE orinlink_device_client orin_test_support
-  orin_x_test_support orin_wayland_test_support GTest::gtest GTest::gtest_main)
+  orin_x_test_support orin_wayland_test_support orin_pipewire_test_support orin_portal_standin
+  GTest::gtest GTest::gtest_main)
 target_compile_definitions(e2e_wayland_tests PRIVATE ORINLINK_PATH="$<TARGET_FILE:orinlink>")
 add_dependencies(e2e_wayland_tests orinlink orin-test-pattern)
 orin_set_warnings(e2e_wayland_tests)
