@@ -19,6 +19,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "ScreenStreamClient.h"
@@ -416,5 +417,44 @@ template <typename Microseconds>
 double seconds(Microseconds microseconds) {
   return static_cast<double>(microseconds) / 1e6;
 }
+
+// One application streaming 1080p (the smallest preset, to keep two cores from saturating) at
+// `fps` on a desktop session the test started, and the headsets that join it.
+class StreamingApp : public ::testing::Test {
+ protected:
+  // `session`: the desktop session's variables for the application.
+  void launch(const std::vector<std::string>& session) {
+    app_ = std::make_unique<OrinLinkApp>(directory_.path(), session);
+    std::string why;
+    ASSERT_TRUE(app_->waitUntilReady(why)) << why;
+    port_ = app_->enableStreaming(1080, fps);
+    ASSERT_NE(port_, 0) << app_->log();
+  }
+
+  void TearDown() override {
+    if (!app_) return;
+    const auto status = app_->stop();
+    // A crash, a sanitizer report or a hang on the way out is a failure of the run.
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
+        << "orinlink did not exit cleanly; its output:\n"
+        << app_->log();
+  }
+
+  Headset join(const std::string& name, std::optional<int> receiveBufferBytes = std::nullopt) {
+    ScreenStreamClient::Options options;
+    options.port = port_;
+    options.receiveBufferBytes = receiveBufferBytes;
+    Headset headset;
+    headset.client = std::make_unique<ScreenStreamClient>(options);
+    headset.welcome = headset.client->handshake(
+        {std::nullopt, app_->pairingCode(), "e2e-" + name, name}, eventLimit);
+    headset.acceptedAt = monotonicMicroseconds();
+    return headset;
+  }
+
+  orin::test::TemporaryDirectory directory_;
+  std::unique_ptr<OrinLinkApp> app_;
+  std::uint16_t port_ = 0;
+};
 
 }  // namespace orin::device::e2e

@@ -20,48 +20,18 @@ using namespace e2e;
 using testing_support::XServerKind;
 using testing_support::XServerProcess;
 
-// One X server with the pattern and one application streaming 1080p (the smallest preset, to keep
-// two cores from saturating) at 15 frames per second.
-class ScreenStreamEndToEnd : public ::testing::Test {
+// One X server with the pattern, and the application on it.
+class ScreenStreamEndToEnd : public StreamingApp {
  protected:
   void start(XServerKind kind, const std::string& size) {
     if (auto missing = XServerProcess::unavailable(kind)) GTEST_SKIP() << *missing;
     if (!testing_support::onPath("ffprobe")) GTEST_SKIP() << "ffprobe is not installed";
     x_ = XServerProcess::start({kind, size, fps});
     ASSERT_TRUE(x_) << "the X server did not start";
-    app_ = std::make_unique<OrinLinkApp>(directory_.path(),
-                                         std::vector<std::string>{"DISPLAY=" + x_->display()});
-    std::string why;
-    ASSERT_TRUE(app_->waitUntilReady(why)) << why;
-    port_ = app_->enableStreaming(1080, fps);
-    ASSERT_NE(port_, 0) << app_->log();
+    launch({"DISPLAY=" + x_->display()});
   }
 
-  void TearDown() override {
-    if (!app_) return;
-    const auto status = app_->stop();
-    // A crash, a sanitizer report or a hang on the way out is a failure of the run.
-    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
-        << "orinlink did not exit cleanly; its output:\n"
-        << app_->log();
-  }
-
-  Headset join(const std::string& name, std::optional<int> receiveBufferBytes = std::nullopt) {
-    ScreenStreamClient::Options options;
-    options.port = port_;
-    options.receiveBufferBytes = receiveBufferBytes;
-    Headset headset;
-    headset.client = std::make_unique<ScreenStreamClient>(options);
-    headset.welcome = headset.client->handshake(
-        {std::nullopt, app_->pairingCode(), "e2e-" + name, name}, eventLimit);
-    headset.acceptedAt = monotonicMicroseconds();
-    return headset;
-  }
-
-  orin::test::TemporaryDirectory directory_;
   std::unique_ptr<XServerProcess> x_;
-  std::unique_ptr<OrinLinkApp> app_;
-  std::uint16_t port_ = 0;
 };
 
 // Xvfb's one 1280 × 720 screen, streamed as 1920 × 1080.

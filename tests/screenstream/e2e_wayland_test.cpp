@@ -64,42 +64,17 @@ double difference(const std::vector<unsigned char>& a, const std::vector<unsigne
   return total / static_cast<double>(a.size());
 }
 
-class EndToEndOnGnomeWayland : public ::testing::Test {
+class EndToEndOnGnomeWayland : public StreamingApp {
  protected:
   void SetUp() override {
     if (auto missing = WaylandSessionProcess::unavailable()) GTEST_SKIP() << *missing;
     if (!testing_support::onPath("ffmpeg")) GTEST_SKIP() << "ffmpeg is not installed";
     session_ = WaylandSessionProcess::start({"1920x1080", fps, true});
     ASSERT_TRUE(session_) << "the Wayland session did not start";
-    app_ = std::make_unique<OrinLinkApp>(
-        directory_.path(),
-        std::vector<std::string>{"WAYLAND_DISPLAY=" + session_->waylandDisplay(),
-                                 "XDG_SESSION_TYPE=wayland", "DISPLAY=" + session_->xDisplay(),
-                                 "XAUTHORITY=" + session_->xauthority(),
-                                 "XDG_RUNTIME_DIR=" + session_->runtimeDir(),
-                                 "DBUS_SESSION_BUS_ADDRESS=" + session_->busAddress()});
-    std::string why;
-    ASSERT_TRUE(app_->waitUntilReady(why)) << why;
-    port_ = app_->enableStreaming(1080, fps);
-    ASSERT_NE(port_, 0) << app_->log();
-  }
-
-  void TearDown() override {
-    if (!app_) return;
-    const auto status = app_->stop();
-    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
-        << "orinlink did not exit cleanly; its output:\n"
-        << app_->log();
-  }
-
-  Headset join(const std::string& name) {
-    ScreenStreamClient::Options options;
-    options.port = port_;
-    Headset headset;
-    headset.client = std::make_unique<ScreenStreamClient>(options);
-    headset.welcome = headset.client->handshake(
-        {std::nullopt, app_->pairingCode(), "wl-" + name, name}, eventLimit);
-    return headset;
+    launch({"WAYLAND_DISPLAY=" + session_->waylandDisplay(), "XDG_SESSION_TYPE=wayland",
+            "DISPLAY=" + session_->xDisplay(), "XAUTHORITY=" + session_->xauthority(),
+            "XDG_RUNTIME_DIR=" + session_->runtimeDir(),
+            "DBUS_SESSION_BUS_ADDRESS=" + session_->busAddress()});
   }
 
   // The sizes of the monitors' current modes, as "WxH".
@@ -125,10 +100,7 @@ class EndToEndOnGnomeWayland : public ::testing::Test {
     return monitorSizes() == std::vector<std::string>{size};
   }
 
-  orin::test::TemporaryDirectory directory_;
   std::unique_ptr<WaylandSessionProcess> session_;
-  std::unique_ptr<OrinLinkApp> app_;
-  std::uint16_t port_ = 0;
 };
 
 TEST_F(EndToEndOnGnomeWayland, MirrorFramesDecodeAtTheMonitorsSizeAndMove) {
@@ -202,7 +174,7 @@ TEST_F(EndToEndOnGnomeWayland, AKilledAppLeavesTheDesktopAsItWas) {
 
 // Any other Wayland desktop: the desktop portal (a stand-in on the session's bus) hands out a
 // PipeWire node that a test source feeds, as a compositor would once the user chose a screen.
-class EndToEndThroughThePortal : public ::testing::Test {
+class EndToEndThroughThePortal : public StreamingApp {
  protected:
   void start(test::PortalStandIn::Behaviour behaviour) {
     if (auto missing = PipeWireDaemon::unavailable()) GTEST_SKIP() << *missing;
@@ -215,38 +187,14 @@ class EndToEndThroughThePortal : public ::testing::Test {
     behaviour.pipeWireSocket = pipeWire_->socketPath();
     portal_.emplace(pipeWire_->busAddress(), behaviour);
     // No compositor answers there: nothing but the portal may be asked for the screen.
-    app_ = std::make_unique<OrinLinkApp>(
-        directory_.path(),
-        std::vector<std::string>{"WAYLAND_DISPLAY=wayland-unserved", "XDG_SESSION_TYPE=wayland",
-                                 "XDG_RUNTIME_DIR=" + pipeWire_->runtimeDirectory(),
-                                 "DBUS_SESSION_BUS_ADDRESS=" + pipeWire_->busAddress()});
-    ASSERT_TRUE(app_->waitUntilReady(why)) << why;
-    port_ = app_->enableStreaming(1080, fps);
-    ASSERT_NE(port_, 0) << app_->log();
+    launch({"WAYLAND_DISPLAY=wayland-unserved", "XDG_SESSION_TYPE=wayland",
+            "XDG_RUNTIME_DIR=" + pipeWire_->runtimeDirectory(),
+            "DBUS_SESSION_BUS_ADDRESS=" + pipeWire_->busAddress()});
   }
 
-  void TearDown() override {
-    if (!app_) return;
-    const auto status = app_->stop();
-    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << app_->log();
-  }
-
-  Headset join(const std::string& name) {
-    ScreenStreamClient::Options options;
-    options.port = port_;
-    Headset headset;
-    headset.client = std::make_unique<ScreenStreamClient>(options);
-    headset.welcome = headset.client->handshake(
-        {std::nullopt, app_->pairingCode(), "portal-" + name, name}, eventLimit);
-    return headset;
-  }
-
-  orin::test::TemporaryDirectory directory_;
   std::unique_ptr<PipeWireDaemon> pipeWire_;
   std::unique_ptr<PipeWireProducer> producer_;
   std::optional<test::PortalStandIn> portal_;
-  std::unique_ptr<OrinLinkApp> app_;
-  std::uint16_t port_ = 0;
 };
 
 TEST_F(EndToEndThroughThePortal, StreamsTheChosenScreenAndKeepsTheChoice) {
