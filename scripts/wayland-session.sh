@@ -49,22 +49,7 @@ parse_options() {
   command_args=()
 }
 
-find_pattern() {
-  if [ -n "${ORIN_TEST_PATTERN:-}" ]; then
-    echo "$ORIN_TEST_PATTERN"
-    return
-  fi
-  local root candidate
-  root="$(cd "$(dirname "$self")/.." && pwd)"
-  for candidate in "$root"/build/*/tools/test-pattern/orin-test-pattern; do
-    if [ -x "$candidate" ]; then
-      echo "$candidate"
-      return
-    fi
-  done
-  echo "$name: orin-test-pattern not found; build it or set ORIN_TEST_PATTERN" >&2
-  exit 1
-}
+source "$(dirname "${BASH_SOURCE[0]}")/test-pattern.sh"
 
 # A process that has exited stays a zombie until it is reaped; it is not running.
 running() {
@@ -256,7 +241,7 @@ supervise() {
   shift 2
   parse_options "$@"
   pattern_program=""
-  [ -z "$pattern_fps" ] || pattern_program="$(realpath "$(find_pattern)")"
+  [ -z "$pattern_fps" ] || pattern_program="$(realpath "$(find_test_pattern)")"
   # Xwayland runs with -core: a crash's core file belongs with the session's logs.
   cd "$dir"
   export ORIN_WAYLAND_SESSION="$dir"
@@ -295,7 +280,7 @@ start_session() {
   [[ "$size" =~ ^[0-9]+x[0-9]+(@[0-9.]+)?$ ]] || usage
   [[ "$owner" =~ ^[0-9]+$ ]] || usage
   [ -z "$pattern_fps" ] || [ -n "$compositor" ] || usage
-  [ -z "$pattern_fps" ] || find_pattern >/dev/null
+  [ -z "$pattern_fps" ] || find_test_pattern >/dev/null
   [ -z "$compositor" ] || ensure_x11_socket_dir
   session_dir="$(mktemp -d "${TMPDIR:-/tmp}/orin-wayland.XXXXXX")"
   local options=(--size "$size")

@@ -94,22 +94,7 @@ EndSection
 EOF
 }
 
-find_pattern() {
-  if [ -n "${ORIN_TEST_PATTERN:-}" ]; then
-    echo "$ORIN_TEST_PATTERN"
-    return
-  fi
-  local root candidate
-  root="$(cd "$(dirname "$0")/.." && pwd)"
-  for candidate in "$root"/build/*/tools/test-pattern/orin-test-pattern; do
-    if [ -x "$candidate" ]; then
-      echo "$candidate"
-      return
-    fi
-  done
-  echo "xserver.sh: orin-test-pattern not found; build it or set ORIN_TEST_PATTERN" >&2
-  exit 1
-}
+source "$(dirname "${BASH_SOURCE[0]}")/test-pattern.sh"
 
 # Starts the server; sets server_pid, server_dir and display.
 start_server() {
@@ -147,7 +132,7 @@ start_server() {
 
 start_pattern() {
   [ -n "$pattern_fps" ] || return 0
-  DISPLAY="$display" setsid "$(find_pattern)" --fps "$pattern_fps" \
+  DISPLAY="$display" setsid "$(find_test_pattern)" --fps "$pattern_fps" \
     </dev/null >"$server_dir/pattern.out" 2>&1 &
   echo $! >"$server_dir/pattern.pid"
 }
