@@ -506,6 +506,7 @@ StateSnapshot AppState::stateSnapshot() const {
     s.stream.statusText = stream.statusText;
     s.stream.error = stream.streamError;
     s.stream.capture = stream.captureBinding;
+    s.stream.virtualDisplayProblem = stream.virtualDisplayProblem;
     if (stream.captureBlocker) {
       using Blocker = screen::DisplayCaptureError::Kind;
       switch (*stream.captureBlocker) {

@@ -69,6 +69,7 @@ std::string diagnosticSummary(const StateSnapshot& state) {
       "Streaming status: " + stream.statusText,
       "Streaming error: " + orNone(stream.error),
       "Capture: " + (stream.capture.empty() ? std::string("not checked yet") : stream.capture),
+      "Virtual displays: " + stream.virtualDisplayProblem.value_or("available"),
       "Last event: " + state.lastEvent,
       "Server error: " + orNone(state.serverError),
       "Ollama error: " + orNone(state.ollamaError),

@@ -105,6 +105,8 @@ struct StateSnapshot {
     std::string capture;
     // What a Wayland desktop lacks for streaming, while it lacks it.
     std::optional<StreamBlock> blocked;
+    // Why no virtual display can be made here; nothing while one can.
+    std::optional<std::string> virtualDisplayProblem;
   };
   Stream stream;
 

@@ -81,6 +81,7 @@ bool blocksCapture(const DisplayCaptureError& error) {
 struct Survey {
   std::string binding;
   bool virtualSupported = false;
+  std::string virtualProblem;
   std::vector<CapturableDisplay> displays;
   std::exception_ptr failure;
 };
@@ -90,6 +91,10 @@ Survey survey(const StreamPlatform& platform) {
   if (platform.describeCapture) result.binding = platform.describeCapture();
   try {
     result.virtualSupported = platform.virtualDisplays && platform.virtualDisplays->isSupported();
+    if (!result.virtualSupported && platform.virtualDisplays)
+      result.virtualProblem = platform.virtualDisplays->whyUnsupported();
+    if (!result.virtualSupported && result.virtualProblem.empty())
+      result.virtualProblem = VirtualDisplayError::unsupported().what();
   } catch (...) {
     result.virtualSupported = false;
   }
@@ -623,8 +628,9 @@ asio::awaitable<void> ScreenStreamService::setShapeTask(std::weak_ptr<ScreenStre
 
 void ScreenStreamService::applyShape(VirtualDisplayPreset requested, bool supported) {
   if (!supported) {
-    noteRejectedClient(std::string(label(requested)) + " is not available. " +
-                       VirtualDisplayError::unsupported().what());
+    noteRejectedClient(
+        std::string(label(requested)) + " is not available. " +
+        p_.virtualDisplayProblem.value_or(VirtualDisplayError::unsupported().what()));
   } else if (requested != p_.virtualDisplayPreset) {
     set(&Properties::virtualDisplayPreset, requested, "virtualDisplayPreset");
     saveStreamSettings();
@@ -731,6 +737,10 @@ asio::awaitable<void> ScreenStreamService::refreshDisplaysTask(
   if (found.binding != self->p_.captureBinding)
     self->set(&Properties::captureBinding, found.binding, "captureBinding");
   self->virtualSupport_->store(found.virtualSupported);
+  std::optional<std::string> problem;
+  if (!found.virtualSupported) problem = found.virtualProblem;
+  if (problem != self->p_.virtualDisplayProblem)
+    self->set(&Properties::virtualDisplayProblem, problem, "virtualDisplayProblem");
   if (found.virtualSupported != self->p_.supportsVirtualDisplays)
     self->set(&Properties::supportsVirtualDisplays, found.virtualSupported,
               "supportsVirtualDisplays");

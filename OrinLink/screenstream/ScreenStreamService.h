@@ -186,6 +186,8 @@ class ScreenStreamService : public std::enable_shared_from_this<ScreenStreamServ
     std::string captureBinding;
     // Whether this desktop can make the virtual displays that wide shapes stream.
     bool supportsVirtualDisplays = true;
+    // Why wide shapes are refused here, while they are.
+    std::optional<std::string> virtualDisplayProblem;
     // Why capture cannot start until something changes, while it cannot.
     std::optional<DisplayCaptureError::Kind> captureBlocker;
   };

@@ -21,6 +21,8 @@ class VirtualDisplayFactory {
  public:
   virtual ~VirtualDisplayFactory() = default;
   virtual bool isSupported() = 0;
+  // Why isSupported() is false, as the user is told; empty for the X display's own reason.
+  virtual std::string whyUnsupported() { return {}; }
   // Throws an Error (VirtualDisplayError) with the text shown to the user.
   virtual std::unique_ptr<VirtualScreen> create(const std::string& name, std::uint32_t width,
                                                 std::uint32_t height, double refreshRate) = 0;

@@ -49,6 +49,7 @@ class Binding {
   virtual std::vector<BackendDisplay> displays() = 0;
   virtual std::unique_ptr<FrameSource> open(std::uint32_t displayID) = 0;
   virtual bool canMakeVirtual() = 0;
+  virtual std::string whyNoVirtual() const = 0;
   // The cast and the id of the monitor it made.
   virtual std::shared_ptr<VirtualCast> makeVirtual(std::uint32_t width, std::uint32_t height,
                                                    double refreshRate) = 0;
@@ -87,6 +88,9 @@ class GnomeBinding final : public Binding {
   }
 
   bool canMakeVirtual() override { return mutter_.canRecordVirtual(); }
+  std::string whyNoVirtual() const override {
+    return "This version of GNOME cannot add a virtual display; GNOME 40 or later can.";
+  }
 
   std::shared_ptr<VirtualCast> makeVirtual(std::uint32_t width, std::uint32_t height,
                                            double refreshRate) override {
@@ -180,6 +184,10 @@ class PortalBinding final : public Binding {
   }
 
   bool canMakeVirtual() override { return (sourceTypes_ & portalSourceVirtual) != 0; }
+  std::string whyNoVirtual() const override {
+    return "This desktop's screen-sharing portal offers no virtual screens, so only a real "
+           "display can be streamed.";
+  }
 
   std::shared_ptr<VirtualCast> makeVirtual(std::uint32_t width, std::uint32_t height,
                                            double refreshRate) override {
@@ -343,6 +351,14 @@ class WaylandVirtualDisplayFactory final : public VirtualDisplayFactory {
       return desktop_->binding().canMakeVirtual();
     } catch (const Error&) {
       return false;
+    }
+  }
+
+  std::string whyUnsupported() override {
+    try {
+      return desktop_->binding().whyNoVirtual();
+    } catch (const Error& error) {
+      return error.what();
     }
   }
 

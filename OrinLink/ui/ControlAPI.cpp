@@ -403,6 +403,7 @@ Ordered screenStreamSnapshot(const screen::ScreenStreamService* service) {
           {"error", optionalText(s.streamError)},
           {"capture", s.captureBinding},
           {"supportsVirtualDisplays", s.supportsVirtualDisplays},
+          {"virtualDisplayProblem", optionalText(s.virtualDisplayProblem)},
           {"displays", displays},
           {"settings",
            {{"selectedDisplayID", s.selectedDisplayID},

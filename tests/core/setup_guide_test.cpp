@@ -220,6 +220,7 @@ Screen streaming: enabled on port 38142
 Streaming status: Streaming to Vantaro.
 Streaming error: none
 Capture: GNOME screen cast through PipeWire
+Virtual displays: available
 Last event: Ollama is ready with gemma4:12b.
 Server error: none
 Ollama error: Could not connect to the server.

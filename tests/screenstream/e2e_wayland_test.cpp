@@ -246,6 +246,10 @@ TEST_F(EndToEndThroughThePortal, ADeclinedShareBlocksStreamingAndSaysWhy) {
   receiveUntil(*headset.client, got, eventLimit,
                [&] { return got.sawShape(OrinScreenShape::mirror); });
   EXPECT_TRUE(got.sawShape(OrinScreenShape::mirror)) << got.describe();
+  EXPECT_EQ(app_->state()["screenStream"]["lastRejection"],
+            "A device tried to connect: Ultrawide 21:9 is not available. This desktop's "
+            "screen-sharing portal offers no virtual screens, so only a real display can be "
+            "streamed.");
 }
 
 }  // namespace
