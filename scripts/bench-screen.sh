@@ -8,6 +8,11 @@
 #   scripts/bench-screen.sh                 # 60 s per phase, about 8 minutes
 #   scripts/bench-screen.sh --quick         # 10 s per phase, about 2 minutes
 #   scripts/bench-screen.sh --phases orinlink ffmpeg   # extra arguments go to orin_screen_bench
+#   scripts/bench-screen.sh --wayland       # also the pipeline on a headless GNOME desktop
+#
+# --wayland (or BENCH_WAYLAND=1) adds, for each size, the wayland phase: the same pipeline
+# capturing through GNOME's screen cast, in a session of its own (scripts/wayland-session.sh) with
+# the test pattern on Xwayland; the summary sets it beside the X11 pipeline and ffmpeg.
 #
 # BENCH_SIZES overrides the sizes ("1920x1080 2560x1440"). The figures suffer when other work
 # shares the cores, so it first waits (at most BENCH_WAIT_SECONDS, default 600) for the one-minute
@@ -15,6 +20,12 @@
 # recorded with the results.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+wayland=${BENCH_WAYLAND:-}
+args=()
+for arg in "$@"; do
+  if [ "$arg" = --wayland ]; then wayland=1; else args+=("$arg"); fi
+done
 
 bash scripts/setup.sh
 
@@ -39,7 +50,21 @@ for size in ${BENCH_SIZES:-1920x1080 2560x1440}; do
   rm -f "$out"
   # xserver.sh stops the server and the pattern when the benchmark ends, however it ends.
   scripts/xserver.sh run --size "$size" --pattern "$pattern_fps" -- \
-    "$bench" --size "$size" --pattern-fps "$pattern_fps" --out "$out" "$@"
+    "$bench" --size "$size" --pattern-fps "$pattern_fps" --out "$out" "${args[@]}"
+  results+=("$out")
+  [ -n "$wayland" ] || continue
+  out="build/release/screen-bench-$size-wayland.json"
+  rm -f "$out"
+  # Headless mutter 43 without a GPU keeps about 16 MB for every repaint, some 250 MB/s under
+  # the pattern, for as long as the session lives: a phase of 20-30 s is what a machine with
+  # 24 GB affords. The cap makes mutter fail rather than the machine run out of memory.
+  (
+    ulimit -v $(($(awk '/^MemAvailable:/ { print $2 }' /proc/meminfo) / 2))
+    # The last --phases counts: the session runs the wayland phase alone.
+    scripts/wayland-session.sh run --size "$size" --pattern "$pattern_fps" -- \
+      "$bench" --size "$size" --pattern-fps "$pattern_fps" --out "$out" "${args[@]}" \
+      --phases wayland
+  )
   results+=("$out")
 done
 echo "After: $(uptime)"

@@ -5,10 +5,11 @@
 //   orinlink  capture -> encoder -> ScreenStreamServer (127.0.0.1, a child process) -> a client
 //   stalled   the same with a second client that authenticates and never reads
 //   ffmpeg    ffmpeg -f x11grab ... -c:v libx265 ... -f avi pipe:1
+//   wayland   orinlink capturing through the Wayland desktop's screen cast instead of X11
 //
 // Both streams go through the same HEVC decoder, and a picture's delay is the time it came out of
 // the decoder minus the time the pattern stamped into it. scripts/bench-screen.sh starts the X
-// server, runs every size and collects the results.
+// server (or the GNOME session for the wayland phase), runs every size and collects the results.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -18,6 +19,8 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <initializer_list>
@@ -38,6 +41,7 @@
 #include "OrinLink/screenstream/DisplayCaptureEngine.h"
 #include "OrinLink/screenstream/ScreenStreamServer.h"
 #include "OrinLink/screenstream/VideoEncoder.h"
+#include "OrinLink/screenstream/WaylandCapture.h"
 #include "OrinLink/screenstream/X11DisplayBackend.h"
 
 #include "PipelineSupport.h"
@@ -73,6 +77,8 @@ struct Options {
   std::vector<std::string> phases{"encoder", "orinlink", "stalled", "ffmpeg"};
   std::string out;
   bool host = false;
+  // The host's capture: "x11" or "wayland".
+  std::string capture = "x11";
   std::vector<std::string> summarize;
 };
 
@@ -99,12 +105,24 @@ asio::awaitable<orin::OrinScreenShape> mirrorShape() {
   co_return orin::OrinScreenShape::mirror;
 }
 
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  if (!value || !*value) fail(std::string("not in a Wayland session: ") + name + " is not set");
+  return value;
+}
+
+std::shared_ptr<orin::screen::DisplayBackend> displayBackend(const Options& options) {
+  if (options.capture == "x11") return std::make_shared<orin::screen::X11DisplayBackend>();
+  // The directory is where the portal would keep its restore token; GNOME's screen cast keeps none.
+  return orin::screen::makeWaylandBindings({environment("XDG_RUNTIME_DIR")}).displays;
+}
+
 std::uint32_t displayOfSize(orin::screen::DisplayCaptureEngine& capture, const Options& options) {
   const auto displays = capture.availableDisplays();
-  if (displays.empty()) fail("the X server lists no display");
+  if (displays.empty()) fail("the desktop lists no display");
   const auto& display = displays.front();
   if (display.pointWidth != options.width || display.pointHeight != options.height) {
-    fail("the X screen is " + std::to_string(display.pointWidth) + "x" +
+    fail("the display is " + std::to_string(display.pointWidth) + "x" +
          std::to_string(display.pointHeight) + ", not " + options.size);
   }
   return display.id;
@@ -179,8 +197,13 @@ int runHost(const Options& options) {
       liveEncoder = &encoder;
     }
     orin::screen::DisplayCaptureEngine capture(
-        [&encoder](const CapturedFrame& frame) { encoder.encode(frame); }, {});
-    capture.start(displayOfSize(capture, options), options.width, options.height, options.fps);
+        displayBackend(options), [&encoder](const CapturedFrame& frame) { encoder.encode(frame); },
+        {});
+    try {
+      capture.start(displayOfSize(capture, options), options.width, options.height, options.fps);
+    } catch (const orin::screen::DisplayCaptureError& error) {
+      fail(std::string("cannot capture: ") + error.what());
+    }
     std::cout << "port " << port << std::endl;
 
     for (std::string line; std::getline(std::cin, line);) {
@@ -209,13 +232,26 @@ struct Breakdown {
   std::uint64_t receivedAt = 0;
 };
 
+// A process of the desktop that works for a capture: the X server copies every grab; on Wayland
+// mutter copies every frame into the stream, Xwayland hands it the pattern's pictures, and
+// PipeWire passes the buffers on.
+struct DisplayProcess {
+  std::string name;
+  pid_t pid = 0;
+  // While the pattern ran and nothing captured it. Not a baseline to subtract: on two busy cores
+  // the compositor paints less once the encoder runs.
+  double idleCores = 0;
+  double cpuBefore = 0;
+  double cpuAfter = 0;
+};
+
 // Watches one decoded stream: the clock starts at its first picture, the warm-up is left out,
-// and during the measured window the producing process's CPU time, threads and RSS are taken.
+// and during the measured window the producing process's CPU time, threads and RSS are taken,
+// and the CPU time of the desktop's processes.
 class Recorder {
  public:
-  // The X server's CPU time is taken too: grabbing costs it a copy of every frame.
-  Recorder(pid_t producer, std::optional<pid_t> xServer, double warmup, double seconds)
-      : producer_(producer), xServer_(xServer), warmup_(warmup), seconds_(seconds) {}
+  Recorder(pid_t producer, std::vector<DisplayProcess> display, double warmup, double seconds)
+      : producer_(producer), display_(std::move(display)), warmup_(warmup), seconds_(seconds) {}
 
   ~Recorder() { stopSampler(); }
 
@@ -257,7 +293,8 @@ class Recorder {
       windowStart_ = now;
       cpuBefore_ = processCpuSeconds(producer_);
       clientBefore_ = processCpuSeconds(::getpid());
-      if (xServer_) xBefore_ = processCpuSeconds(*xServer_);
+      for (auto& process : display_)
+        process.cpuBefore = processCpuSeconds(process.pid);
       threadsBefore_ = threadTimes(producer_);
       startSampler();
     }
@@ -266,7 +303,8 @@ class Recorder {
       windowEnd_ = now;
       cpuAfter_ = processCpuSeconds(producer_);
       clientAfter_ = processCpuSeconds(::getpid());
-      if (xServer_) xAfter_ = processCpuSeconds(*xServer_);
+      for (auto& process : display_)
+        process.cpuAfter = processCpuSeconds(process.pid);
       threadsAfter_ = threadTimes(producer_);
       stopSampler();
       state_ = State::done;
@@ -286,10 +324,16 @@ class Recorder {
     }
     const Percentiles delay = percentiles(delays_);
     const double cpu = wall > 0 ? (cpuAfter_ - cpuBefore_) / wall : 0;
+    const auto perFrame = [&](double cores) {
+      return frames_ > 0 ? cores * wall * 1000.0 / static_cast<double>(frames_) : 0;
+    };
     ordered_json out{
         {"seconds", wall},
         {"frames", frames_},
         {"framesPerSecond", wall > 0 ? static_cast<double>(frames_) / wall : 0},
+        // Pictures the display had not shown in the frame before: a compositor slower than the
+        // encoder hands over the same picture again.
+        {"newPicturesPerSecond", wall > 0 ? static_cast<double>(frames_ - repeats_) / wall : 0},
         {"megabitsPerSecond", wall > 0 ? static_cast<double>(bytes_) * 8 / wall / 1e6 : 0},
         {"keyframes", keyframes_},
         {"unreadableStamps", unreadable_},
@@ -300,10 +344,21 @@ class Recorder {
         {"lastWindowP50Ms", percentiles(last).p50},
         {"slopeMsPerMinute", slope(times_, delays_) * 60.0},
         {"cpuCores", cpu},
-        {"xServerCpuCores", wall > 0 && xServer_ ? (xAfter_ - xBefore_) / wall : 0},
         {"clientCpuCores", wall > 0 ? (clientAfter_ - clientBefore_) / wall : 0},
-        {"cpuMsPerFrame", frames_ > 0 ? cpu * wall * 1000.0 / static_cast<double>(frames_) : 0},
+        {"cpuMsPerFrame", perFrame(cpu)},
     };
+    ordered_json display = ordered_json::object();
+    double displayMsPerFrame = 0;
+    for (const auto& process : display_) {
+      const double cores = wall > 0 ? (process.cpuAfter - process.cpuBefore) / wall : 0;
+      display[process.name] = {{"pid", process.pid},
+                               {"cores", cores},
+                               {"idleCores", process.idleCores},
+                               {"msPerFrame", perFrame(cores)}};
+      displayMsPerFrame += perFrame(cores);
+    }
+    out["displayCpu"] = display;
+    out["displayCpuMsPerFrame"] = displayMsPerFrame;
     if (!stampToGrab_.empty()) {
       out["breakdownP50Ms"] = {{"stampToGrab", percentiles(stampToGrab_).p50},
                                {"grabToReceipt", percentiles(grabToReceipt_).p50},
@@ -373,7 +428,7 @@ class Recorder {
   }
 
   pid_t producer_;
-  std::optional<pid_t> xServer_;
+  std::vector<DisplayProcess> display_;
   double warmup_;
   double seconds_;
   State state_ = State::waiting;
@@ -387,7 +442,7 @@ class Recorder {
   std::uint64_t keyframes_ = 0;
   std::uint64_t lastStamp_ = 0;
   std::vector<double> times_, delays_, stampToGrab_, grabToReceipt_, receiptToDecoded_;
-  double cpuBefore_ = 0, cpuAfter_ = 0, xBefore_ = 0, xAfter_ = 0;
+  double cpuBefore_ = 0, cpuAfter_ = 0;
   double clientBefore_ = 0, clientAfter_ = 0;
   struct Arrival {
     double at;
@@ -409,10 +464,40 @@ std::chrono::milliseconds phaseBound(const Options& options) {
       static_cast<long>((options.warmup + options.seconds + 60) * 1e3));
 }
 
-ordered_json measureOrinLink(const Options& options, bool withStalledClient) {
-  ChildProcess host({"/proc/self/exe", "--host", "--size", options.size, "--fps",
-                     std::to_string(options.fps), "--bitrate", std::to_string(options.bitrate)},
-                    true, true);
+// The desktop's processes whose CPU time counts beside the pipeline's; one not found is left out.
+std::vector<DisplayProcess> displayProcesses(const Options& options, std::string_view capture) {
+  std::vector<std::pair<std::string, std::optional<pid_t>>> found;
+  if (capture == "x11") {
+    found = {{"X server", xServerPid(options.display)}};
+  } else {
+    const std::filesystem::path runtime = environment("XDG_RUNTIME_DIR");
+    found = {{"mutter", socketHolder(runtime / environment("WAYLAND_DISPLAY"), "mutter")},
+             {"Xwayland", xServerPid(options.display, "Xwayland")},
+             {"pipewire", socketHolder(runtime / "pipewire-0", "pipewire")}};
+  }
+  std::vector<DisplayProcess> processes;
+  for (const auto& [name, pid] : found) {
+    if (pid) {
+      processes.push_back({name, *pid, 0, processCpuSeconds(*pid)});
+    } else {
+      std::cerr << "orin_screen_bench: no " << name << " process found; its CPU is left out\n";
+    }
+  }
+  // Before anything captures: what the desktop spends on showing the pattern alone.
+  const double idleSeconds = std::min(5.0, options.seconds);
+  std::this_thread::sleep_for(std::chrono::duration<double>(idleSeconds));
+  for (auto& process : processes)
+    process.idleCores = (processCpuSeconds(process.pid) - process.cpuBefore) / idleSeconds;
+  return processes;
+}
+
+ordered_json measureOrinLink(const Options& options, bool withStalledClient,
+                             std::string_view capture) {
+  auto desktop = displayProcesses(options, capture);
+  ChildProcess host(
+      {"/proc/self/exe", "--host", "--capture", std::string(capture), "--size", options.size,
+       "--fps", std::to_string(options.fps), "--bitrate", std::to_string(options.bitrate)},
+      true, true);
   const auto portLine = host.readLine(30'000);
   if (!portLine || !portLine->starts_with("port ")) fail("the pipeline did not start");
   orin::device::ScreenStreamClient::Options clientOptions;
@@ -436,7 +521,7 @@ ordered_json measureOrinLink(const Options& options, bool withStalledClient) {
 
   StampDecoder decoder;
   orin::device::AnnexBWriter annexB;
-  Recorder recorder(host.pid(), xServerPid(options.display), options.warmup, options.seconds);
+  Recorder recorder(host.pid(), std::move(desktop), options.warmup, options.seconds);
   const auto bound = std::chrono::steady_clock::now() + phaseBound(options);
   while (!recorder.done()) {
     if (std::chrono::steady_clock::now() > bound) fail("no pictures came through in time");
@@ -492,10 +577,11 @@ std::vector<std::string> ffmpegCommand(const Options& options) {
 
 ordered_json measureFfmpeg(const Options& options) {
   const auto command = ffmpegCommand(options);
+  auto desktop = displayProcesses(options, "x11");
   ChildProcess ffmpeg(command, false, true);
   StampDecoder decoder;
   AviChunkReader chunks;
-  Recorder recorder(ffmpeg.pid(), xServerPid(options.display), options.warmup, options.seconds);
+  Recorder recorder(ffmpeg.pid(), std::move(desktop), options.warmup, options.seconds);
   std::vector<std::uint8_t> buffer(1 << 20);
   const auto bound = std::chrono::steady_clock::now() + phaseBound(options);
   while (!recorder.done()) {
@@ -602,27 +688,30 @@ ordered_json evaluate(const ordered_json& phases) {
   ordered_json goals = ordered_json::array();
   const auto has = [&](std::string_view name) { return phases.contains(std::string(name)); };
   const auto ratio = [](double a, double b) { return b > 0 ? a / b : 0; };
-  if (!has("orinlink")) return goals;
-  const auto& ours = phases["orinlink"];
-  const double fps = number(ours, {"framesPerSecond"});
-  if (has("ffmpeg")) {
-    const auto& peer = phases["ffmpeg"];
-    const double peerFps = number(peer, {"framesPerSecond"});
-    goals.push_back(
-        goal("frame rate >= 1.0x ffmpeg's", fps, peerFps, ratio(fps, peerFps), 1.0, false));
-    for (const char* p : {"p50", "p99"}) {
-      const double a = number(ours, {"delayMs", p});
-      const double b = number(peer, {"delayMs", p});
-      goals.push_back(
-          goal(std::string("delay ") + p + " <= ffmpeg's", a, b, ratio(a, b), 1.0, true));
+  // On Wayland the pipeline is held to the goals it has on X11.
+  for (const std::string name : {"orinlink", "wayland"}) {
+    if (!has(name)) continue;
+    const std::string prefix = name == "orinlink" ? "" : name + ": ";
+    const auto& ours = phases[name];
+    const double fps = number(ours, {"framesPerSecond"});
+    if (has("ffmpeg")) {
+      const auto& peer = phases["ffmpeg"];
+      const double peerFps = number(peer, {"framesPerSecond"});
+      goals.push_back(goal(prefix + "frame rate >= 1.0x ffmpeg's", fps, peerFps,
+                           ratio(fps, peerFps), 1.0, false));
+      for (const char* p : {"p50", "p99"}) {
+        const double a = number(ours, {"delayMs", p});
+        const double b = number(peer, {"delayMs", p});
+        goals.push_back(goal(prefix + "delay " + p + " <= ffmpeg's", a, b, ratio(a, b), 1.0, true));
+      }
+    }
+    if (has("encoder")) {
+      const double alone = number(phases["encoder"], {"framesPerSecond"});
+      goals.push_back(goal(prefix + "frame rate >= 0.95x the encoder alone", fps, alone,
+                           ratio(fps, alone), 0.95, false));
     }
   }
-  if (has("encoder")) {
-    const double alone = number(phases["encoder"], {"framesPerSecond"});
-    goals.push_back(
-        goal("frame rate >= 0.95x the encoder alone", fps, alone, ratio(fps, alone), 0.95, false));
-  }
-  for (const char* name : {"orinlink", "ffmpeg"}) {
+  for (const char* name : {"orinlink", "wayland", "ffmpeg"}) {
     if (!has(name)) continue;
     const double first = number(phases[name], {"firstWindowP50Ms"});
     const double last = number(phases[name], {"lastWindowP50Ms"});
@@ -638,18 +727,83 @@ ordered_json evaluate(const ordered_json& phases) {
   return goals;
 }
 
+// The pipeline on Wayland beside the same on X11 and beside ffmpeg. The desktop's CPU counts as
+// well: on Wayland the compositor copies every frame into the stream.
+ordered_json compareWayland(const ordered_json& phases) {
+  ordered_json rows = ordered_json::array();
+  if (!phases.contains("wayland")) return rows;
+  using Measure = std::function<double(const ordered_json&)>;
+  const auto field = [](std::string_view a, std::string_view b = {}) -> Measure {
+    return [a, b](const ordered_json& phase) {
+      return b.empty() ? number(phase, {a}) : number(phase, {a, b});
+    };
+  };
+  const std::vector<std::pair<const char*, Measure>> measures{
+      {"frames/s received", field("framesPerSecond")},
+      {"  new pictures/s", field("newPicturesPerSecond")},
+      {"delay p50 (ms)", field("delayMs", "p50")},
+      {"delay p99 (ms)", field("delayMs", "p99")},
+      {"CPU per frame, process (ms)", field("cpuMsPerFrame")},
+      {"CPU per frame, desktop (ms)", field("displayCpuMsPerFrame")},
+      {"CPU per frame, both (ms)", [](const ordered_json& phase) {
+         return number(phase, {"cpuMsPerFrame"}) + number(phase, {"displayCpuMsPerFrame"});
+       }}};
+  for (const auto& [label, measure] : measures) {
+    const double ours = measure(phases["wayland"]);
+    ordered_json row{{"measure", label}, {"wayland", ours}};
+    for (const std::string other : {"orinlink", "ffmpeg"}) {
+      if (!phases.contains(other)) continue;
+      const double theirs = measure(phases[other]);
+      row[other] = theirs;
+      row["waylandOver" + other] = theirs > 0 ? ours / theirs : 0;
+    }
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+void printComparison(const ordered_json& run) {
+  if (run["waylandComparison"].empty()) return;
+  std::printf("\n%-34s %10s %10s %8s %10s %8s\n",
+              ("wayland, " + run["size"].get<std::string>()).c_str(), "wayland", "X11", "ratio",
+              "ffmpeg", "ratio");
+  for (const auto& row : run["waylandComparison"]) {
+    std::printf("%-34s %10.1f", row["measure"].get<std::string>().c_str(),
+                row["wayland"].get<double>());
+    for (const std::string other : {"orinlink", "ffmpeg"}) {
+      if (row.contains(other)) {
+        std::printf(" %10.1f %8.2f", row[other].get<double>(),
+                    row["waylandOver" + other].get<double>());
+      } else {
+        std::printf(" %10s %8s", "-", "-");
+      }
+    }
+    std::printf("\n");
+  }
+}
+
 void printPhases(const ordered_json& run) {
   const auto& phases = run["phases"];
   std::printf("\n%s at %d fps requested, %.1f Mbit/s, %.0f s measured after %.0f s warm-up\n",
               run["size"].get<std::string>().c_str(), run["fps"].get<int>(),
               run["bitrate"].get<double>() / 1e6, run["seconds"].get<double>(),
               run["warmup"].get<double>());
-  std::printf("%-34s %12s %12s %12s\n", "", "orinlink", "stalled+1", "ffmpeg");
-  const auto row = [&](const char* label, std::initializer_list<std::string_view> path,
+  std::vector<std::string> columns;
+  std::printf("%-34s", "");
+  for (const auto& [name, label] : {std::pair{"wayland", "wayland"},
+                                    {"orinlink", "orinlink"},
+                                    {"stalled", "stalled+1"},
+                                    {"ffmpeg", "ffmpeg"}}) {
+    if (!phases.contains(name)) continue;
+    columns.emplace_back(name);
+    std::printf("%12s", label);
+  }
+  std::printf("\n");
+  const auto row = [&](const std::string& label, std::initializer_list<std::string_view> path,
                        const char* format) {
-    std::printf("%-34s", label);
-    for (const char* name : {"orinlink", "stalled", "ffmpeg"}) {
-      const ordered_json* at = phases.contains(name) ? &phases[name] : nullptr;
+    std::printf("%-34s", label.c_str());
+    for (const auto& name : columns) {
+      const ordered_json* at = &phases[name];
       for (auto key : path) {
         if (at && at->contains(std::string(key))) {
           at = &(*at)[std::string(key)];
@@ -666,6 +820,7 @@ void printPhases(const ordered_json& run) {
     std::printf("\n");
   };
   row("frames/s received", {"framesPerSecond"}, "%12.1f");
+  row("  new pictures/s", {"newPicturesPerSecond"}, "%12.1f");
   row("delay p50 (ms)", {"delayMs", "p50"}, "%12.1f");
   row("delay p90 (ms)", {"delayMs", "p90"}, "%12.1f");
   row("delay p99 (ms)", {"delayMs", "p99"}, "%12.1f");
@@ -678,9 +833,22 @@ void printPhases(const ordered_json& run) {
   row("Mbit/s received", {"megabitsPerSecond"}, "%12.2f");
   row("keyframes received", {"keyframes"}, "%12.0f");
   row("CPU (cores)", {"cpuCores"}, "%12.2f");
-  row("X server CPU (cores)", {"xServerCpuCores"}, "%12.2f");
-  row("client CPU (cores)", {"clientCpuCores"}, "%12.2f");
   row("CPU per frame (ms)", {"cpuMsPerFrame"}, "%12.1f");
+  std::vector<std::string> desktop;
+  for (const auto& name : columns) {
+    if (!phases[name].contains("displayCpu")) continue;
+    for (const auto& [process, figures] : phases[name]["displayCpu"].items()) {
+      if (std::find(desktop.begin(), desktop.end(), process) == desktop.end())
+        desktop.push_back(process);
+    }
+  }
+  for (const auto& process : desktop) {
+    row(process + " CPU (cores)", {"displayCpu", process, "cores"}, "%12.2f");
+    row(process + " CPU per frame (ms)", {"displayCpu", process, "msPerFrame"}, "%12.1f");
+    row(process + " CPU idle (cores)", {"displayCpu", process, "idleCores"}, "%12.2f");
+  }
+  row("desktop CPU per frame (ms)", {"displayCpuMsPerFrame"}, "%12.1f");
+  row("client CPU (cores)", {"clientCpuCores"}, "%12.2f");
   row("RSS start (KiB)", {"rssKiB", "start"}, "%12.0f");
   row("RSS end (KiB)", {"rssKiB", "end"}, "%12.0f");
   row("RSS max (KiB)", {"rssKiB", "max"}, "%12.0f");
@@ -691,9 +859,8 @@ void printPhases(const ordered_json& run) {
                 number(e, {"framesPerSecond"}), number(e, {"frames"}),
                 number(e, {"encodeMs", "p50"}), number(e, {"encodeMs", "p99"}));
   }
-  for (const char* name : {"orinlink", "stalled", "ffmpeg"}) {
-    if (!phases.contains(name)) continue;
-    std::printf("threads (%s):", name);
+  for (const auto& name : columns) {
+    std::printf("threads (%s):", name.c_str());
     for (const auto& [thread, cores] : phases[name]["threadCores"].items()) {
       if (cores.get<double>() >= 0.005)
         std::printf(" %s %.2f", thread.c_str(), cores.get<double>());
@@ -723,17 +890,40 @@ void printGoals(const ordered_json& run) {
   std::printf("load average: %s at start, %s at end\n",
               run["loadAtStart"].get<std::string>().c_str(),
               run["loadAtEnd"].get<std::string>().c_str());
+  for (const auto& [name, phase] : run["phases"].items()) {
+    if (phase.contains("load")) {
+      std::printf("  %s: %s at start, %s at end\n", name.c_str(),
+                  phase["load"]["atStart"].get<std::string>().c_str(),
+                  phase["load"]["atEnd"].get<std::string>().c_str());
+    }
+  }
 }
 
+// Runs of one size on different desktops (X11 phases on Xvfb, the wayland phase in a GNOME
+// session) become one run with all their phases.
 int summarize(const Options& options) {
   ordered_json merged{{"runs", ordered_json::array()}};
+  auto& runs = merged["runs"];
   for (const auto& file : options.summarize) {
     std::ifstream in(file);
     if (!in) fail("cannot read " + file);
-    merged["runs"].push_back(ordered_json::parse(in));
+    ordered_json run = ordered_json::parse(in);
+    const auto same = std::find_if(runs.begin(), runs.end(),
+                                   [&](const ordered_json& r) { return r["size"] == run["size"]; });
+    if (same == runs.end()) {
+      runs.push_back(std::move(run));
+      continue;
+    }
+    for (const auto& [name, phase] : run["phases"].items())
+      (*same)["phases"][name] = phase;
+    (*same)["loadAtEnd"] = run["loadAtEnd"];
   }
-  for (const auto& run : merged["runs"])
+  for (auto& run : runs) {
+    run["goals"] = evaluate(run["phases"]);
+    run["waylandComparison"] = compareWayland(run["phases"]);
+    printComparison(run);
     printGoals(run);
+  }
   if (!options.out.empty()) std::ofstream(options.out) << merged.dump(2) << "\n";
   return 0;
 }
@@ -750,30 +940,30 @@ int runBenchmark(const Options& options) {
                    {"machine", machineDescription()},
                    {"loadAtStart", loadAverages()}};
   ordered_json phases = ordered_json::object();
-  const auto announce = [&](const char* what, double seconds) {
+  const auto measure = [&](const char* name, const char* what, double seconds,
+                           const std::function<ordered_json()>& phase) {
+    if (!wants(options, name)) return;
+    const std::string load = loadAverages();
     std::cout << options.size << ": " << what << " for " << options.warmup + seconds << " s (load "
-              << loadAverages() << ")…" << std::endl;
+              << load << ")…" << std::endl;
+    phases[name] = phase();
+    phases[name]["load"] = {{"atStart", load}, {"atEnd", loadAverages()}};
   };
-  if (wants(options, "encoder")) {
-    announce("the encoder alone", options.encoderSeconds);
-    phases["encoder"] = measureEncoderAlone(options);
-  }
-  if (wants(options, "orinlink")) {
-    announce("orinlink, one reading client", options.seconds);
-    phases["orinlink"] = measureOrinLink(options, false);
-  }
-  if (wants(options, "stalled")) {
-    announce("orinlink, a reading and a stalled client", options.seconds);
-    phases["stalled"] = measureOrinLink(options, true);
-  }
-  if (wants(options, "ffmpeg")) {
-    announce("ffmpeg", options.seconds);
-    phases["ffmpeg"] = measureFfmpeg(options);
-  }
+  measure("encoder", "the encoder alone", options.encoderSeconds,
+          [&] { return measureEncoderAlone(options); });
+  measure("orinlink", "orinlink, one reading client", options.seconds,
+          [&] { return measureOrinLink(options, false, "x11"); });
+  measure("stalled", "orinlink, a reading and a stalled client", options.seconds,
+          [&] { return measureOrinLink(options, true, "x11"); });
+  measure("ffmpeg", "ffmpeg", options.seconds, [&] { return measureFfmpeg(options); });
+  measure("wayland", "orinlink through the Wayland screen cast, one reading client",
+          options.seconds, [&] { return measureOrinLink(options, false, "wayland"); });
   run["phases"] = phases;
   run["loadAtEnd"] = loadAverages();
   run["goals"] = evaluate(phases);
+  run["waylandComparison"] = compareWayland(phases);
   printPhases(run);
+  printComparison(run);
   printGoals(run);
   if (!options.out.empty()) std::ofstream(options.out) << run.dump(2) << "\n";
   return 0;
@@ -797,12 +987,18 @@ int main(int argc, char** argv) {
   app.add_flag("--quick", o.quick, "10 s per phase, for trying it out");
   app.add_option("--display", o.display, "X display (default $DISPLAY)");
   app.add_option("--ffmpeg", o.ffmpeg, "ffmpeg executable")->capture_default_str();
-  app.add_option("--phases", o.phases, "encoder orinlink stalled ffmpeg")->capture_default_str();
+  // The last --phases counts, so that a script can narrow the phases it was given.
+  std::vector<std::vector<std::string>> phaseLists;
+  app.add_option("--phases", phaseLists,
+                 "encoder orinlink stalled ffmpeg wayland (the last needs a GNOME session; "
+                 "default: the other four)");
   app.add_option("--out", o.out, "JSON results file");
   app.add_option("--summarize", o.summarize,
                  "print the goals of these result files and merge them");
   app.add_flag("--host", o.host)->group("");
+  app.add_option("--capture", o.capture)->check(CLI::IsMember({"x11", "wayland"}))->group("");
   CLI11_PARSE(app, argc, argv);
+  if (!phaseLists.empty()) o.phases = phaseLists.back();
 
   if (!o.summarize.empty()) return summarize(o);
   const std::regex sizePattern(R"((\d+)x(\d+))");

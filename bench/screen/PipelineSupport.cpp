@@ -15,6 +15,7 @@
 #include <iostream>
 #include <numeric>
 #include <poll.h>
+#include <set>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/utsname.h>
@@ -314,38 +315,38 @@ std::map<std::string, double> threadShares(const ThreadTimes& before, const Thre
   return shares;
 }
 
-std::optional<pid_t> xServerPid(const std::string& display) {
-  if (!display.starts_with(':')) return std::nullopt;
-  const std::string socketPath = "/tmp/.X11-unix/X" + display.substr(1, display.find('.') - 1);
-  // The listening socket's inode, then the process that holds it.
+std::optional<pid_t> socketHolder(const std::string& path, std::string_view name) {
+  // Every socket bound to the path (the listening one and the accepted connections), then a
+  // process that holds one of them.
+  std::set<std::string> wanted;
   std::istringstream sockets(readFile("/proc/net/unix"));
-  std::string inode;
   for (std::string line; std::getline(sockets, line);) {
     std::istringstream fields(line);
-    std::string skip, node, path;
+    std::string skip, node, bound;
     for (int i = 0; i < 6; ++i)
       fields >> skip;
-    fields >> node >> path;
-    if (path == socketPath || path == "@" + socketPath) {
-      inode = node;
-      break;
-    }
+    fields >> node >> bound;
+    if (bound == path || bound == "@" + path) wanted.insert("socket:[" + node + "]");
   }
-  if (inode.empty()) return std::nullopt;
-  const std::string wanted = "socket:[" + inode + "]";
+  if (wanted.empty()) return std::nullopt;
   DIR* processes = ::opendir("/proc");
   if (!processes) return std::nullopt;
   std::optional<pid_t> found;
   while (const dirent* process = ::readdir(processes)) {
     if (found || process->d_name[0] < '0' || process->d_name[0] > '9') continue;
-    const std::string fdDirectory = std::string("/proc/") + process->d_name + "/fd";
-    DIR* fds = ::opendir(fdDirectory.c_str());
+    const std::string base = std::string("/proc/") + process->d_name;
+    if (!name.empty()) {
+      std::string comm = readFile(base + "/comm");
+      if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+      if (comm != name) continue;
+    }
+    DIR* fds = ::opendir((base + "/fd").c_str());
     if (!fds) continue;
     while (const dirent* fd = ::readdir(fds)) {
       char target[64] = {};
-      const std::string link = fdDirectory + "/" + fd->d_name;
+      const std::string link = base + "/fd/" + fd->d_name;
       const ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
-      if (n > 0 && wanted == std::string_view(target, static_cast<std::size_t>(n))) {
+      if (n > 0 && wanted.contains(std::string(target, static_cast<std::size_t>(n)))) {
         found = static_cast<pid_t>(std::atoi(process->d_name));
         break;
       }
@@ -354,6 +355,11 @@ std::optional<pid_t> xServerPid(const std::string& display) {
   }
   ::closedir(processes);
   return found;
+}
+
+std::optional<pid_t> xServerPid(const std::string& display, std::string_view name) {
+  if (!display.starts_with(':')) return std::nullopt;
+  return socketHolder("/tmp/.X11-unix/X" + display.substr(1, display.find('.') - 1), name);
 }
 
 std::string loadAverages() {

@@ -10,6 +10,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -117,8 +118,11 @@ ThreadTimes threadTimes(pid_t pid);
 std::map<std::string, double> threadShares(const ThreadTimes& before, const ThreadTimes& after,
                                            double wallSeconds);
 
-// The X server behind a local display name (":N"): the process holding its listening socket.
-std::optional<pid_t> xServerPid(const std::string& display);
+// The process holding the Unix socket at `path` (or its abstract twin); where several hold it,
+// as mutter and Xwayland share Xwayland's, the one of that name (/proc/PID/comm).
+std::optional<pid_t> socketHolder(const std::string& path, std::string_view name = {});
+// The X server behind a local display name (":N").
+std::optional<pid_t> xServerPid(const std::string& display, std::string_view name = {});
 
 std::string loadAverages();
 nlohmann::ordered_json machineDescription();
