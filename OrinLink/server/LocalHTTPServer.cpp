@@ -88,6 +88,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     std::shared_ptr<HandlerCancellation> handler;
     std::optional<std::string> tokenHash;
     bool cancelled = false;
+    // The peer shut down its sending side after its request; it still reads the reply.
+    bool peerFinished = false;
+    bool replied = false;
 
     // Ends the connection from inside its own coroutine: nothing of it is waiting to be woken.
     void close() {
@@ -407,29 +410,37 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     co_return co_await std::move(call);
   }
 
-  // The one reader of a connection whose request is in hand: the peer closing or failing ends the
-  // connection, which cancels the handler or the stream feeding it. After the reply it is also
-  // what lets the peer read everything before the socket closes.
+  // The one reader of a connection whose request is in hand: a reset ends the connection, which
+  // cancels the handler or the stream feeding it. An end of input before the reply is only a
+  // half-close (`nc -N`): that peer still waits for its reply, and one that has gone altogether
+  // shows when a write fails. After the reply this reader lets the peer read everything before
+  // the socket closes.
   static asio::awaitable<void> watchPeer(std::shared_ptr<Connection> connection) {
     std::array<char, 4096> sink{};
     while (!connection->cancelled) {
       auto [ec, n] = co_await connection->socket.async_read_some(
           asio::buffer(sink), asio::as_tuple(asio::use_awaitable));
       (void)n;
+      if (ec == asio::error::eof && !connection->replied) {
+        connection->peerFinished = true;
+        co_return;
+      }
       if (ec) break;
     }
     connection->cancel();
   }
 
-  // A request read exactly to its end leaves nothing unread, so the socket can close at once, as
-  // a close over unread input would reset the connection under the reply; otherwise the peer
-  // gets a moment to read the reply while its input is discarded.
+  // A request read exactly to its end, or a peer that has finished sending, leaves nothing
+  // unread, so the socket can close at once, as a close over unread input would reset the
+  // connection under the reply; otherwise the peer gets a moment to read the reply while its
+  // input is discarded.
   static void closeAfterReply(const std::shared_ptr<Connection>& connection, bool readToTheEnd) {
     if (connection->cancelled) return;
-    if (readToTheEnd) {
+    if (readToTheEnd || connection->peerFinished) {
       connection->cancel();
       return;
     }
+    connection->replied = true;
     error_code ec;
     connection->socket.shutdown(tcp::socket::shutdown_send, ec);
     if (ec) {

@@ -17,6 +17,8 @@
 #include "OrinLink/server/HTTPParser.h"
 #include "OrinLink/server/LocalHTTPServer.h"
 
+#include "tests/support/Eventually.h"
+
 namespace orin {
 namespace {
 
@@ -125,6 +127,8 @@ TEST_F(LocalHTTPServerTest, AnswersOrRefusesEachRequestShape) {
        "GET /health "},
       {"byte by byte", "POST /p HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc", false, 1,
        "HTTP/1.1 200 OK", "POST /p abc"},
+      {"whole then half-close", "GET /status HTTP/1.1\r\n\r\n", true, std::string::npos,
+       "HTTP/1.1 200 OK", "GET /status "},
       {"garbage then half-close", "nonsense", true, std::string::npos, "HTTP/1.1 400 Bad Request",
        R"({"error":{"code":"bad_request","message":"Orin Link could not parse the request."}})"},
       {"body cut short", "POST /p HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", true,
@@ -154,21 +158,23 @@ TEST_F(LocalHTTPServerTest, WritesEventStreamsChunkByChunk) {
       {"failed end", "Ollama went\naway", "event: error\ndata: Ollama went away\n\n"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    startServer([&c](const HTTPRequest&) {
-      auto [stream, continuation] = TextChunkStream::make();
-      for (const char* chunk : {"a", "b\nc", "d\r\n"})
-        continuation.yield(chunk);
-      if (c.failure) {
-        continuation.finish(std::make_exception_ptr(Error(*c.failure)));
-      } else {
-        continuation.finish();
-      }
-      return HTTPHandlerResult::eventStream(std::move(stream));
-    });
-    const std::string reply = exchange("POST /s HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(reply,
-              std::string(eventStreamHead) + "data: a\n\ndata: b\\nc\n\ndata: d\\n\n\n" + c.ending);
+    for (const bool halfClose : {false, true}) {
+      SCOPED_TRACE(c.name + (halfClose ? ", half-closed" : ""));
+      startServer([&c](const HTTPRequest&) {
+        auto [stream, continuation] = TextChunkStream::make();
+        for (const char* chunk : {"a", "b\nc", "d\r\n"})
+          continuation.yield(chunk);
+        if (c.failure) {
+          continuation.finish(std::make_exception_ptr(Error(*c.failure)));
+        } else {
+          continuation.finish();
+        }
+        return HTTPHandlerResult::eventStream(std::move(stream));
+      });
+      const std::string reply = exchange("POST /s HTTP/1.1\r\n\r\n", halfClose);
+      EXPECT_EQ(reply, std::string(eventStreamHead) + "data: a\n\ndata: b\\nc\n\ndata: d\\n\n\n" +
+                           c.ending);
+    }
   }
 }
 
@@ -180,31 +186,46 @@ TEST_F(LocalHTTPServerTest, RevokedTokensAreCutOffWithoutReply) {
             "HTTP/1.1 200 OK");
 }
 
-// A stream in flight ends for its producer when the token is revoked or the client leaves.
+// A stream in flight ends for its producer when the token is revoked or the client leaves: at
+// once when its connection is reset, at the next write when it half-closed before leaving.
 TEST_F(LocalHTTPServerTest, EndingAConnectionCancelsItsProducer) {
-  for (const bool byRevocation : {true, false}) {
-    SCOPED_TRACE(byRevocation ? "revoked" : "client left");
-    std::promise<void> started;
+  enum class Ending { revoked, reset, halfClosedThenGone };
+  for (const Ending ending : {Ending::revoked, Ending::reset, Ending::halfClosedThenGone}) {
+    SCOPED_TRACE(static_cast<int>(ending));
+    std::promise<TextChunkStream::Continuation> started;
     std::promise<TextChunkStream::Termination> ended;
     startServer([&](const HTTPRequest&) {
       auto [stream, continuation] = TextChunkStream::make();
       continuation.onTermination([&ended](auto why) { ended.set_value(why); });
       continuation.yield("first");
-      started.set_value();
+      started.set_value(continuation);
       return HTTPHandlerResult::eventStream(std::move(stream));
     });
     tcp::socket socket = connect();
     asio::write(socket, asio::buffer("GET /s HTTP/1.1\r\nAuthorization: Bearer t\r\n\r\n"sv));
-    started.get_future().wait();
+    if (ending == Ending::halfClosedThenGone) socket.shutdown(tcp::socket::shutdown_send);
+    const TextChunkStream::Continuation producer = started.get_future().get();
     std::string head(eventStreamHead.size() + std::string_view("data: first\n\n").size(), '\0');
     asio::read(socket, asio::buffer(head));
-    if (byRevocation) {
-      server_->revoke(tokenHash("t"));
-      EXPECT_EQ(readAll(socket), "");
-    } else {
-      socket.close();
+    auto termination = ended.get_future();
+    switch (ending) {
+      case Ending::revoked:
+        server_->revoke(tokenHash("t"));
+        EXPECT_EQ(readAll(socket), "");
+        break;
+      case Ending::reset:
+        socket.set_option(asio::socket_base::linger(true, 0));
+        socket.close();
+        break;
+      case Ending::halfClosedThenGone:
+        socket.close();
+        EXPECT_TRUE(testing_support::eventually([&] {
+          producer.yield("more");
+          return termination.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        }));
+        break;
     }
-    EXPECT_EQ(ended.get_future().get(), TextChunkStream::Termination::cancelled);
+    EXPECT_EQ(termination.get(), TextChunkStream::Termination::cancelled);
   }
 }
 
@@ -274,6 +295,7 @@ TEST_F(LocalHTTPServerTest, LeavingCancelsTheHandlerOnTheMainLoop) {
   }
   tcp::socket socket = connect();
   asio::write(socket, asio::buffer("GET /wait HTTP/1.1\r\n\r\n"sv));
+  socket.set_option(asio::socket_base::linger(true, 0));
   socket.close();
   EXPECT_EQ(cancelled->get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_EQ(statusLine(exchange("GET /health HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
