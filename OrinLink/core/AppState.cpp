@@ -342,6 +342,9 @@ void AppState::stopServer() {
 void AppState::saveSettings() {
   settings_.set("serverPort", p_.serverPort);
   settings_.set("activeModel", p_.activeModel);
+  // The window edits the properties in place, so /health, answered off the main loop, learns of
+  // a new model here.
+  publishHealth();
   settings_.set("ollamaBaseURL", p_.baseURLText);
   settings_.set("reliabilityModeEnabled", p_.reliabilityModeEnabled);
   settings_.set("startAtLoginEnabled", p_.startAtLoginEnabled);

@@ -208,6 +208,14 @@ TEST_F(ControlAPITest, ImmediateSettingsDoNotSaveTheWindow) {
   EXPECT_EQ(state()["showInDock"], true);
 }
 
+// /health is answered off the main loop from a copy that a saved model must replace.
+TEST_F(ControlAPITest, HealthFollowsTheSavedModel) {
+  const Json body = {{"activeModel", "lines:1b"}};
+  ASSERT_EQ(control("POST", "/api/settings", {{"Host", host()}, authorised()}, body.dump()).status,
+            200);
+  EXPECT_EQ(Json::parse(call("GET", "/health").body)["activeModel"], "lines:1b");
+}
+
 // Each setup issue's button does what it says, and only while that issue is the current one.
 TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
   using Launch = std::vector<std::string>;
