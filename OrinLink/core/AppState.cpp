@@ -313,6 +313,7 @@ void AppState::startServer() {
                                                              std::optional<std::string> error) {
     auto self = weak.lock();
     if (!self || self->server_.get() != current) return;
+    const bool wasRunning = self->p_.isServerRunning;
     self->set(&Properties::isServerRunning, running, "isServerRunning");
     self->set(&Properties::serverPort, port, "serverPort");
     self->set(&Properties::serverError, error, "serverError");
@@ -320,7 +321,10 @@ void AppState::startServer() {
       self->set(&Properties::lastEvent, "Server started on port " + std::to_string(port) + ".",
                 "lastEvent");
     } else {
-      self->set(&Properties::lastEvent, "Server failed: " + error.value_or("unknown error"),
+      // A listener that never ran failed to bind: the start itself failed.
+      self->set(&Properties::lastEvent,
+                (wasRunning ? "Server failed: " : "Server failed to start: ") +
+                    error.value_or("unknown error"),
                 "lastEvent");
       self->server_.reset();
     }

@@ -3,6 +3,7 @@
 #include <functional>
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <gtest/gtest.h>
 
 #include "OrinLink/core/AppState.h"
@@ -47,6 +48,7 @@ class AppStateTest : public testing::Test {
     environment.registryFile = directory_.path() / "data/paired-devices.json";
     environment.system = &system_;
     environment.clock = [this] { return now_; };
+    environment.bindAddress = boost::asio::ip::address_v4::loopback();
     if (withDesktop) environment.desktop = makeFakeDesktop(desktop_);
     app_ = AppState::make(std::move(environment));
     return *app_;
@@ -367,6 +369,19 @@ TEST_F(AppStateTest, RefusedAvailabilityOptionsAreSwitchedOffAndExplained) {
     // Written back only by the next save.
     EXPECT_EQ(stored("reliabilityModeEnabled"), Json(true));
   }
+}
+
+TEST_F(AppStateTest, APortInUseFailsTheServerStart) {
+  boost::asio::ip::tcp::acceptor holder(io_, {boost::asio::ip::address_v4::loopback(), 0});
+  const std::uint16_t taken = holder.local_endpoint().port();
+  start({{"serverPort", taken}});
+  app_->startServer();
+  while (!p().serverError && io_.run_one_for(std::chrono::seconds(10)) > 0) {
+  }
+  EXPECT_FALSE(p().isServerRunning);
+  EXPECT_EQ(p().serverPort, taken);
+  EXPECT_EQ(p().serverError, "Address already in use");
+  EXPECT_EQ(p().lastEvent, "Server failed to start: Address already in use");
 }
 
 TEST_F(AppStateTest, MissingFacilitiesAreQuietAndNamed) {
