@@ -6,6 +6,7 @@
 #include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/core/Application.h"
+#include "OrinLink/system/EditionGuard.h"
 #include "OrinLink/ui/ControlClient.h"
 #include "OrinLink/ui/QRCode.h"
 
@@ -13,9 +14,24 @@ namespace {
 
 using orin::ControlClient;
 
+// The running copy may have been started with a control port and configuration of its own: its
+// lock record says which. Without a record, this configuration's port and secret.
 ControlClient connect(const std::filesystem::path& configDirectory,
                       std::optional<std::uint16_t> port) {
-  auto secret = orin::readControlSecret(configDirectory / "control-secret");
+  std::filesystem::path secretFile = configDirectory / "control-secret";
+  if (!port) {
+    std::optional<orin::RunningCopy> copy;
+    try {
+      copy = orin::EditionGuard::recordedCopy(orin::EditionGuard::defaultLockFolder());
+    } catch (...) {
+      // No lock folder, so no record either.
+    }
+    if (copy && copy->controlPort) {
+      port = copy->controlPort;
+      secretFile = copy->secretFile;
+    }
+  }
+  auto secret = orin::readControlSecret(secretFile);
   if (!secret) {
     throw orin::Error("Orin Link has not run for this user yet. Start it with: orinlink");
   }

@@ -1,6 +1,7 @@
 #include "OrinLink/system/EditionGuard.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,6 +31,21 @@ std::string systemText(int error) {
 
 std::string lockName(std::string_view id) {
   return std::string(id) + ".lock";
+}
+
+std::optional<RunningCopy> readRecord(const fs::path& lockFile) {
+  const auto text = readFile(lockFile);
+  const auto record = text ? nlohmann::json::parse(*text, nullptr, false) : nlohmann::json();
+  if (!record.is_object() || !record.contains("pid") || !record["pid"].is_number_integer()) {
+    return std::nullopt;
+  }
+  RunningCopy copy{record["pid"].get<pid_t>(), std::nullopt, {}};
+  if (record.contains("controlPort") && record["controlPort"].is_number_unsigned() &&
+      record.contains("secretFile") && record["secretFile"].is_string()) {
+    copy.controlPort = record["controlPort"].get<std::uint16_t>();
+    copy.secretFile = record["secretFile"].get<std::string>();
+  }
+  return copy;
 }
 
 }  // namespace
@@ -103,23 +119,22 @@ bool EditionGuard::writeRecord(const std::string& record) {
 
 std::optional<RunningCopy> EditionGuard::runningCopy(std::chrono::milliseconds patience) const {
   const auto deadline = std::chrono::steady_clock::now() + patience;
-  std::optional<RunningCopy> found;
   while (true) {
-    const auto text = readFile(lockFile());
-    const auto record = text ? nlohmann::json::parse(*text, nullptr, false) : nlohmann::json();
-    if (record.is_object() && record.contains("pid") && record["pid"].is_number_integer()) {
-      found = RunningCopy{record["pid"].get<pid_t>(), std::nullopt, {}};
-      if (record.contains("controlPort") && record["controlPort"].is_number_unsigned() &&
-          record.contains("secretFile") && record["secretFile"].is_string()) {
-        found->controlPort = record["controlPort"].get<std::uint16_t>();
-        found->secretFile = record["secretFile"].get<std::string>();
-        return found;
-      }
-    }
+    auto found = readRecord(lockFile());
+    if (found && found->controlPort) return found;
     if (std::chrono::steady_clock::now() >= deadline) return found;
     // A copy that is starting records its port within moments.
     std::this_thread::sleep_for(50ms);
   }
+}
+
+std::optional<RunningCopy> EditionGuard::recordedCopy(const fs::path& lockFolder) {
+  auto copy = readRecord(lockFolder / lockName(applicationID));
+  // The file outlives the copy that wrote it.
+  if (!copy || copy->pid <= 0 || (::kill(copy->pid, 0) != 0 && errno != EPERM)) {
+    return std::nullopt;
+  }
+  return copy;
 }
 
 namespace {

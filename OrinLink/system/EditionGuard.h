@@ -55,6 +55,9 @@ class EditionGuard {
   // With `alreadyRunning`: what the running copy recorded, once it has a control port, waiting
   // up to `patience` for a copy that is still starting.
   std::optional<RunningCopy> runningCopy(std::chrono::milliseconds patience) const;
+  // What this edition's running copy recorded, read without taking the lock, for commands that
+  // talk to it; nothing when no copy runs.
+  static std::optional<RunningCopy> recordedCopy(const std::filesystem::path& lockFolder);
 
  private:
   bool writeRecord(const std::string& record);

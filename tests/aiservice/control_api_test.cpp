@@ -5,6 +5,7 @@
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/write.hpp>
 
+#include "OrinLink/system/EditionGuard.h"
 #include "OrinLink/ui/ControlAPI.h"
 
 #include "tests/aiservice/AIServiceFixture.h"
@@ -77,8 +78,11 @@ struct CommandResult {
   std::string output;  // standard output and error together
 };
 
-CommandResult runOrinLink(const std::string& arguments) {
-  const std::string command = std::string(ORINLINK_PATH) + " " + arguments + " 2>&1";
+// With the lock records of `runtimeFolder`, never those of the user running the tests.
+CommandResult runOrinLink(const std::string& arguments,
+                          const std::filesystem::path& runtimeFolder) {
+  const std::string command = "XDG_RUNTIME_DIR='" + runtimeFolder.string() + "' " +
+                              std::string(ORINLINK_PATH) + " " + arguments + " 2>&1";
   FILE* pipe = ::popen(command.c_str(), "r");
   if (pipe == nullptr) return {};
   CommandResult result;
@@ -293,34 +297,52 @@ TEST_F(ControlAPITest, TheSetupActionRefusesStepsThatAreNotThere) {
   EXPECT_NE(nothing.body.find("Nothing needs setting up."), std::string::npos);
 }
 
-TEST_F(ControlAPITest, TheDiagnosticsCommandPrintsTheRunningAppsReport) {
+// The commands reach the running copy at the control port its lock record names, whatever port
+// this user's configuration names; without a record, at the configured one.
+TEST_F(ControlAPITest, TheCommandsReachTheRunningCopy) {
   ASSERT_TRUE(waitForEvent("Ollama is ready with plain:1b."));
-  const auto config = directory_.path() / "config";
-  writeFileAtomically(config / "control-secret", secret + "\n", 0600);
   const std::uint16_t idle = unusedLoopbackPort();
+  const auto config = directory_.path() / "cli";
+  std::filesystem::create_directories(config);
+  writeFileAtomically(config / "settings.json", Json{{"controlPort", idle}}.dump(), 0600);
+  writeFileAtomically(config / "control-secret", secret + "\n", 0600);
+  const auto recorded = directory_.path() / "run-recorded";
+  const auto empty = directory_.path() / "run-empty";
+  std::filesystem::create_directories(recorded);
+  std::filesystem::create_directories(empty);
+  EditionGuard running(recorded);
+  running.recordControlAPI(controlPort_, config / "control-secret");
+  const std::string code = onMain([&] { return app_->registry().pairingCode(); });
+  const std::string summary = state()["diagnosticSummary"].get<std::string>() + "\n";
+  const std::string notRunning =
+      "orinlink: Orin Link is not running (nothing answers on 127.0.0.1:";
   struct Case {
     std::string arguments;
+    std::filesystem::path runtime;
     int status;
-    std::string output;
+    std::string outputStart;
   };
   const Case cases[] = {
-      {"--config-dir " + config.string() + " --control-port " + std::to_string(controlPort_) +
-           " diagnostics",
-       0, state()["diagnosticSummary"].get<std::string>() + "\n"},
-      {"--config-dir " + config.string() + " --control-port " + std::to_string(idle) +
-           " diagnostics",
-       1,
-       "orinlink: Orin Link is not running (nothing answers on 127.0.0.1:" + std::to_string(idle) +
-           "). Start it with: orinlink\n"},
-      {"--config-dir " + (directory_.path() / "elsewhere").string() + " diagnostics", 1,
-       "orinlink: Orin Link has not run for this user yet. Start it with: orinlink\n"},
+      {"diagnostics", recorded, 0, summary},
+      {"pair --code-only", recorded, 0, code + "\n"},
+      {"status", recorded, 0, "AI service   listening on port " + std::to_string(port_) + "\n"},
+      {"diagnostics", empty, 1, notRunning + std::to_string(idle) + "). Start it with: orinlink\n"},
+      {"--control-port " + std::to_string(controlPort_) + " diagnostics", empty, 0, summary},
+      {"--control-port " + std::to_string(idle) + " diagnostics", recorded, 1,
+       notRunning + std::to_string(idle) + "). Start it with: orinlink\n"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.arguments);
-    const auto result = runOrinLink(c.arguments);
+    SCOPED_TRACE(c.arguments + " with " + c.runtime.filename().string());
+    const auto result =
+        runOrinLink("--config-dir " + config.string() + " " + c.arguments, c.runtime);
     EXPECT_EQ(result.status, c.status);
-    EXPECT_EQ(result.output, c.output);
+    EXPECT_TRUE(result.output.starts_with(c.outputStart)) << result.output;
   }
+  EXPECT_EQ(
+      runOrinLink("--config-dir " + (directory_.path() / "elsewhere").string() + " diagnostics",
+                  empty)
+          .output,
+      "orinlink: Orin Link has not run for this user yet. Start it with: orinlink\n");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sys/file.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -53,6 +54,27 @@ TEST(EditionGuardTest, OneCopyPerEdition) {
   EXPECT_EQ(EditionGuard(folder.path()).verdict(), EditionGuard::Verdict::alreadyRunning);
   first.reset();
   EXPECT_EQ(EditionGuard(folder.path()).verdict(), EditionGuard::Verdict::proceed);
+}
+
+// Commands read the record without the lock, so a record left by a copy that has ended must not
+// count.
+TEST(EditionGuardTest, ARecordCountsWhileItsProcessLives) {
+  TemporaryDirectory folder;
+  EXPECT_FALSE(EditionGuard::recordedCopy(folder.path()));
+  {
+    EditionGuard running(folder.path());
+    running.recordControlAPI(40123, "/somewhere/control-secret");
+    const auto copy = EditionGuard::recordedCopy(folder.path());
+    ASSERT_TRUE(copy && copy->controlPort);
+    EXPECT_EQ(*copy->controlPort, 40123);
+    EXPECT_EQ(copy->secretFile, "/somewhere/control-secret");
+  }
+  const pid_t ended = ::fork();
+  if (ended == 0) ::_exit(0);
+  ASSERT_EQ(::waitpid(ended, nullptr, 0), ended);
+  std::ofstream(folder.path() / ownLock, std::ios::trunc)
+      << R"({"pid":)" << ended << R"(,"controlPort":40123,"secretFile":"/s"})";
+  EXPECT_FALSE(EditionGuard::recordedCopy(folder.path()));
 }
 
 TEST(EditionGuardTest, TheOtherEditionCountsOnlyWhileItHoldsItsLock) {
