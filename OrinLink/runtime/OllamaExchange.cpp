@@ -5,6 +5,7 @@
 #include <boost/asio/ssl/error.hpp>
 #include <boost/asio/ssl/host_name_verification.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/beast/core/error.hpp>
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
@@ -71,9 +72,7 @@ asio::awaitable<unsigned> OllamaExchange::begin(OllamaEndpoint endpoint, http::v
     co_await tcp_.async_connect(target, asio::use_awaitable);
   } else {
     const std::string service = std::to_string(endpoint.port);
-    const auto addresses =
-        co_await resolver_.async_resolve(endpoint.host, service, asio::use_awaitable);
-    throwIfClosed();
+    const auto addresses = co_await resolve(endpoint.host, service);
     tcp_.expires_after(idleTimeout_);
     co_await tcp_.async_connect(addresses, asio::use_awaitable);
   }
@@ -204,6 +203,27 @@ asio::awaitable<std::optional<std::string>> OllamaExchange::readLine() {
   }
 }
 
+asio::awaitable<asio::ip::tcp::resolver::results_type> OllamaExchange::resolve(
+    const std::string& host, const std::string& service) {
+  lookup_ = std::make_shared<Lookup>(resolver_.get_executor());
+  const auto lookup = lookup_;
+  lookup->timer.expires_after(idleTimeout_);
+  resolver_.async_resolve(host, service,
+                          [lookup](error_code ec, asio::ip::tcp::resolver::results_type found) {
+                            lookup->outcome = ec;
+                            lookup->addresses = std::move(found);
+                            lookup->timer.cancel();
+                          });
+  co_await lookup->timer.async_wait(asio::as_tuple(asio::use_awaitable));
+  throwIfClosed();
+  if (!lookup->outcome) {
+    resolver_.cancel();
+    fail(beast::error::timeout);
+  }
+  if (*lookup->outcome) fail(*lookup->outcome);
+  co_return lookup->addresses;
+}
+
 void OllamaExchange::watchBodyRead() {
   idleWatch_->readStarted = std::chrono::steady_clock::now();
   if (idleWatch_->armed) return;
@@ -236,6 +256,7 @@ void OllamaExchange::throwIfClosed() const {
 void OllamaExchange::close() {
   closed_ = true;
   resolver_.cancel();
+  if (lookup_) lookup_->timer.cancel();
   // Also cancels the per-step timer, so nothing of this exchange stays pending.
   tcp_.close();
   idleWatch_->timer.cancel();

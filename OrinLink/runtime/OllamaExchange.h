@@ -69,6 +69,17 @@ class OllamaExchange {
   void watchBodyRead();
   void armIdleWatch(std::chrono::steady_clock::time_point at);
 
+  // A name lookup runs on the resolver's own thread, where cancelling cannot reach it: the
+  // exchange waits for it only until the idle time-out, and a late answer goes nowhere.
+  struct Lookup {
+    explicit Lookup(const boost::asio::any_io_executor& executor) : timer(executor) {}
+    boost::asio::steady_timer timer;
+    std::optional<boost::system::error_code> outcome;
+    boost::asio::ip::tcp::resolver::results_type addresses;
+  };
+  boost::asio::awaitable<boost::asio::ip::tcp::resolver::results_type> resolve(
+      const std::string& host, const std::string& service);
+
   template <class Operation>
   auto onStream(Operation operation) {
     if (tls_) return operation(*tls_);
@@ -85,6 +96,7 @@ class OllamaExchange {
   std::array<char, 16 * 1024> chunk_{};
   std::string pendingLines_;
   std::shared_ptr<IdleWatch> idleWatch_;
+  std::shared_ptr<Lookup> lookup_;
   bool bodyEnded_ = false;
   bool closed_ = false;
 };

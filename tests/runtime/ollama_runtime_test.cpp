@@ -1,6 +1,10 @@
 #include <chrono>
+#include <condition_variable>
+#include <dlfcn.h>
 #include <functional>
 #include <future>
+#include <mutex>
+#include <netdb.h>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -26,6 +30,27 @@
 #include "OrinLinkShared/Error.h"
 
 #include "fake_daemon.h"
+
+// Lookups of this one name never answer until the test lets them go, as a resolver that has
+// gone silent; every other name is looked up as usual.
+namespace {
+constexpr std::string_view unansweredHost = "unanswered.invalid";
+std::mutex unansweredMutex;
+std::condition_variable unansweredReleased;
+bool unansweredRelease = false;
+}  // namespace
+
+extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** result) {
+  if (node != nullptr && node == unansweredHost) {
+    std::unique_lock lock(unansweredMutex);
+    unansweredReleased.wait(lock, [] { return unansweredRelease; });
+    return EAI_AGAIN;
+  }
+  using Lookup = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
+  static const auto next = reinterpret_cast<Lookup>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+  return next(node, service, hints, result);
+}
 
 namespace orin {
 namespace {
@@ -409,6 +434,27 @@ TEST_F(OllamaRuntimeTest, IdleTimeOutEndsAStalledExchange) {
     EXPECT_EQ(drained.outcome.code, boost::beast::error::timeout);
   }
   EXPECT_TRUE(daemon_.waitForEarlyClose(bound));
+}
+
+// Looking the daemon's name up is a wait like any other.
+TEST_F(OllamaRuntimeTest, IdleTimeOutBoundsTheNameLookup) {
+  struct Release {
+    Release() {
+      std::lock_guard lock(unansweredMutex);
+      unansweredRelease = false;
+    }
+    ~Release() {
+      std::lock_guard lock(unansweredMutex);
+      unansweredRelease = true;
+      unansweredReleased.notify_all();
+    }
+  } release;
+  const auto idle = std::chrono::milliseconds(200);
+  OllamaRuntime client(*OllamaEndpoint::parse("http://" + std::string(unansweredHost) + ":11434"),
+                       loop_.executor(), {idle, idle, idle});
+  EXPECT_EQ(run(client.listModels()).outcome.code, boost::beast::error::timeout);
+  EXPECT_EQ(drain(client.stream({"p", "m", 0.7, false})).outcome.code,
+            boost::beast::error::timeout);
 }
 
 // The time-out is for each wait, not the whole body: a steady stream outlasts it many times.
