@@ -44,6 +44,36 @@ const std::vector<std::filesystem::path>& ollamaSystemUnits() {
   return paths;
 }
 
+// Where systemd finds a user's units: the user's own folder first.
+std::vector<std::filesystem::path> userUnitFolders() {
+  std::vector<std::filesystem::path> folders;
+  const char* config = std::getenv("XDG_CONFIG_HOME");
+  const char* home = std::getenv("HOME");
+  if (config != nullptr && *config != '\0') {
+    folders.emplace_back(std::filesystem::path(config) / "systemd/user");
+  } else if (home != nullptr && *home != '\0') {
+    folders.emplace_back(std::filesystem::path(home) / ".config/systemd/user");
+  }
+  folders.emplace_back("/etc/systemd/user");
+  folders.emplace_back("/usr/lib/systemd/user");
+  return folders;
+}
+
+// What the user is told when systemd would not start the service, with what to run instead.
+std::string serviceRefusal(const std::optional<SystemActions::Outcome>& outcome,
+                           const std::string& retry) {
+  std::string reason = "systemctl could not run";
+  if (outcome) {
+    reason = outcome->output.substr(0, outcome->output.find('\n'));
+    if (reason.empty())
+      reason = "systemctl ended with status " + std::to_string(outcome->exitStatus);
+    while (!reason.empty() && (reason.back() == '.' || reason.back() == ' '))
+      reason.pop_back();
+  }
+  return "Could not start Ollama's service: " + reason + ". Start it in a terminal with \"" +
+         retry + "\".";
+}
+
 std::string localDay(Date date) {
   const auto seconds = static_cast<std::time_t>(std::floor(date.unixSeconds()));
   std::tm parts{};
@@ -662,28 +692,48 @@ void AppState::watchForOllama() {
 
 void AppState::startOllama() {
   SystemActions& system = *env_.system;
-  const char* home = std::getenv("HOME");
-  const bool userUnit = home != nullptr && system.fileExists(std::filesystem::path(home) /
-                                                             ".config/systemd/user/ollama.service");
+  const auto folders = userUnitFolders();
+  const bool userUnit = std::any_of(folders.begin(), folders.end(), [&system](const auto& folder) {
+    return system.fileExists(folder / "ollama.service");
+  });
   const bool systemUnit =
       std::any_of(ollamaSystemUnits().begin(), ollamaSystemUnits().end(),
                   [&system](const auto& path) { return system.fileExists(path); });
-  if (userUnit) {
-    system.launchDetached({"systemctl", "--user", "start", "ollama.service"});
-  } else if (systemUnit) {
-    system.launchDetached({"systemctl", "start", "--no-ask-password", "ollama.service"});
-  } else {
-    std::optional<std::filesystem::path> binary;
-    for (const auto& path : ollamaBinaryPaths()) {
-      if (system.fileExists(path)) {
-        binary = path;
-        break;
-      }
-    }
-    if (!binary) binary = system.findOnPath("ollama");
-    if (binary) system.launchDetached({binary->string(), "serve"});
-  }
   set(&Properties::lastEvent, std::string("Starting Ollama\u2026"), "lastEvent");
+  if (userUnit || systemUnit) {
+    // systemctl answers once the unit started or was refused (polkit, a failing unit): a refusal
+    // is said at once instead of after the whole watch.
+    std::vector<std::string> command =
+        userUnit
+            ? std::vector<std::string>{"systemctl", "--user", "start", "ollama.service"}
+            : std::vector<std::string>{"systemctl", "start", "--no-ask-password", "ollama.service"};
+    const std::string retry =
+        userUnit ? "systemctl --user start ollama" : "sudo systemctl start ollama";
+    asio::post(env_.backgroundExecutor, [weak = weak_from_this(), system = env_.system,
+                                         main = env_.mainExecutor, command, retry] {
+      auto outcome = system->run(command);
+      asio::post(main, [weak, outcome = std::move(outcome), retry] {
+        auto self = weak.lock();
+        if (!self) return;
+        if (outcome && outcome->exitStatus == 0) {
+          self->watchForOllama();
+          return;
+        }
+        self->set(&Properties::ollamaError, serviceRefusal(outcome, retry), "ollamaError");
+        self->set(&Properties::lastEvent, std::string("Could not start Ollama."), "lastEvent");
+      });
+    });
+    return;
+  }
+  std::optional<std::filesystem::path> binary;
+  for (const auto& path : ollamaBinaryPaths()) {
+    if (system.fileExists(path)) {
+      binary = path;
+      break;
+    }
+  }
+  if (!binary) binary = system.findOnPath("ollama");
+  if (binary) system.launchDetached({binary->string(), "serve"});
   watchForOllama();
 }
 

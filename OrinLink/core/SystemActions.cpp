@@ -24,10 +24,11 @@ std::vector<char*> argvPointers(const std::vector<std::string>& argv) {
   return pointers;
 }
 
-// Spawns with stdin from /dev/null, stdout to `stdoutFd` (or /dev/null) and stderr to /dev/null.
-// With `detach`, the child starts its own session so it outlives us and our terminal.
+// Spawns with stdin from /dev/null, stdout to `stdoutFd` (or /dev/null) and stderr to
+// `stderrFd` (or /dev/null). With `detach`, the child starts its own session so it outlives us and
+// our terminal.
 std::optional<pid_t> spawn(const std::vector<std::string>& argv, int stdoutFd, bool detach,
-                           bool searchPath) {
+                           bool searchPath, int stderrFd = -1) {
   if (argv.empty()) return std::nullopt;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -37,7 +38,11 @@ std::optional<pid_t> spawn(const std::vector<std::string>& argv, int stdoutFd, b
   } else {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   }
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  if (stderrFd >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, stderrFd, STDERR_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  }
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   if (detach) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
@@ -52,10 +57,25 @@ std::optional<pid_t> spawn(const std::vector<std::string>& argv, int stdoutFd, b
   return pid;
 }
 
-void reap(pid_t pid) {
+int reap(pid_t pid) {
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
+  return status;
+}
+
+std::string readAll(int fd) {
+  std::string output;
+  char buffer[4096];
+  while (true) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n > 0) {
+      output.append(buffer, static_cast<std::size_t>(n));
+    } else if (n == 0 || errno != EINTR) {
+      break;
+    }
+  }
+  return output;
 }
 
 }  // namespace
@@ -99,19 +119,28 @@ std::optional<std::string> PosixSystemActions::runCapturingOutput(
     ::close(pipeFds[0]);
     return std::nullopt;
   }
-  std::string output;
-  char buffer[4096];
-  while (true) {
-    const ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
-    if (n > 0) {
-      output.append(buffer, static_cast<std::size_t>(n));
-    } else if (n == 0 || errno != EINTR) {
-      break;
-    }
-  }
+  std::string output = readAll(pipeFds[0]);
   ::close(pipeFds[0]);
   reap(*pid);
   return output;
+}
+
+std::optional<SystemActions::Outcome> PosixSystemActions::run(
+    const std::vector<std::string>& argv) {
+  int pipeFds[2];
+  if (::pipe2(pipeFds, O_CLOEXEC) != 0) return std::nullopt;
+  const auto pid = spawn(argv, pipeFds[1], false, true, pipeFds[1]);
+  ::close(pipeFds[1]);
+  if (!pid) {
+    ::close(pipeFds[0]);
+    return std::nullopt;
+  }
+  Outcome outcome;
+  outcome.output = readAll(pipeFds[0]);
+  ::close(pipeFds[0]);
+  const int status = reap(*pid);
+  outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return outcome;
 }
 
 void PosixSystemActions::openURL(const std::string& url) {

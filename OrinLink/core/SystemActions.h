@@ -22,6 +22,13 @@ class SystemActions {
   // Runs a program to completion and returns its standard output; nothing if it cannot run.
   // Blocks.
   virtual std::optional<std::string> runCapturingOutput(const std::vector<std::string>& argv) = 0;
+  struct Outcome {
+    int exitStatus = -1;
+    // Standard output and error, as written.
+    std::string output;
+  };
+  // Runs a program to completion; nothing if it cannot run. Blocks.
+  virtual std::optional<Outcome> run(const std::vector<std::string>& argv) = 0;
   // Opens a web page in the user's browser.
   virtual void openURL(const std::string& url) = 0;
   virtual std::uint64_t physicalMemoryBytes() = 0;
@@ -36,6 +43,7 @@ class PosixSystemActions final : public SystemActions {
   std::optional<std::filesystem::path> findOnPath(const std::string& name) override;
   bool launchDetached(const std::vector<std::string>& argv) override;
   std::optional<std::string> runCapturingOutput(const std::vector<std::string>& argv) override;
+  std::optional<Outcome> run(const std::vector<std::string>& argv) override;
   void openURL(const std::string& url) override;
   std::uint64_t physicalMemoryBytes() override;
   // PRETTY_HOSTNAME from /etc/machine-info, else the host name.

@@ -33,6 +33,16 @@ class FakeSystemActions final : public SystemActions {
   std::optional<std::string> runCapturingOutput(const std::vector<std::string>&) override {
     return std::nullopt;
   }
+  // Recorded with the launches; answered with what setOutcome() gave.
+  std::optional<Outcome> run(const std::vector<std::string>& argv) override {
+    std::lock_guard lock(mutex_);
+    launched_.push_back(argv);
+    return outcome_;
+  }
+  void setOutcome(Outcome outcome) {
+    std::lock_guard lock(mutex_);
+    outcome_ = std::move(outcome);
+  }
   void openURL(const std::string& url) override { launchDetached({"open", url}); }
   std::uint64_t physicalMemoryBytes() override { return memoryBytes_; }
   std::optional<std::string> computerName() override { return "Test Machine"; }
@@ -52,6 +62,7 @@ class FakeSystemActions final : public SystemActions {
     existing_.clear();
     onPath_.clear();
     launched_.clear();
+    outcome_ = Outcome{0, ""};
   }
   std::vector<std::vector<std::string>> launched() {
     std::lock_guard lock(mutex_);
@@ -63,6 +74,7 @@ class FakeSystemActions final : public SystemActions {
   std::set<std::filesystem::path> existing_;
   std::map<std::string, std::filesystem::path> onPath_;
   std::vector<std::vector<std::string>> launched_;
+  Outcome outcome_{0, ""};
   std::atomic<std::uint64_t> memoryBytes_{16ull << 30};
 };
 

@@ -1,4 +1,5 @@
 #include "tests/aiservice/AIServiceFixture.h"
+#include "tests/support/Eventually.h"
 
 namespace orin::test {
 namespace {
@@ -30,15 +31,23 @@ TEST_F(RuntimeSupervisionTest, RefreshSaysWhatItFound) {
 }
 
 TEST_F(RuntimeSupervisionTest, StartingOllamaRunsWhatThisMachineHas) {
+  const char* config = std::getenv("XDG_CONFIG_HOME");
   const char* home = std::getenv("HOME");
-  const std::filesystem::path userUnit =
-      std::filesystem::path(home != nullptr ? home : "") / ".config/systemd/user/ollama.service";
+  const std::filesystem::path ownUnits =
+      config != nullptr && *config != '\0'
+          ? std::filesystem::path(config) / "systemd/user"
+          : std::filesystem::path(home != nullptr ? home : "") / ".config/systemd/user";
+  const std::vector<std::string> userStart{"systemctl", "--user", "start", "ollama.service"};
+  const std::vector<std::string> systemStart{"systemctl", "start", "--no-ask-password",
+                                             "ollama.service"};
   struct Case {
     std::string name;
     std::vector<std::filesystem::path> files;
     std::optional<std::filesystem::path> onPath;
     OllamaInstallState state;
     std::vector<std::vector<std::string>> launched;
+    SystemActions::Outcome systemctl{0, ""};
+    std::optional<std::string> error{};
   };
   const Case cases[] = {
       {"nothing", {}, std::nullopt, OllamaInstallState::notInstalled, {}},
@@ -52,15 +61,34 @@ TEST_F(RuntimeSupervisionTest, StartingOllamaRunsWhatThisMachineHas) {
        "/home/u/bin/ollama",
        OllamaInstallState::installed,
        {{"/home/u/bin/ollama", "serve"}}},
-      {"user unit",
-       {userUnit, "/usr/local/bin/ollama"},
+      {"the user's own unit",
+       {ownUnits / "ollama.service", "/usr/local/bin/ollama"},
        std::nullopt,
        OllamaInstallState::installed,
-       {{"systemctl", "--user", "start", "ollama.service"}}},
+       {userStart}},
+      {"a packaged user unit",
+       {"/usr/lib/systemd/user/ollama.service", "/usr/bin/ollama"},
+       std::nullopt,
+       OllamaInstallState::installed,
+       {userStart}},
+      {"a system unit",
+       {"/etc/systemd/system/ollama.service", "/usr/bin/ollama"},
+       std::nullopt,
+       OllamaInstallState::installed,
+       {systemStart}},
+      {"a system unit polkit refuses",
+       {"/etc/systemd/system/ollama.service", "/usr/bin/ollama"},
+       std::nullopt,
+       OllamaInstallState::installed,
+       {systemStart},
+       {1, "Failed to start ollama.service: Interactive authentication required.\nSee logs"},
+       "Could not start Ollama's service: Failed to start ollama.service: Interactive "
+       "authentication required. Start it in a terminal with \"sudo systemctl start ollama\"."},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     system_.reset();
+    system_.setOutcome(c.systemctl);
     for (const auto& file : c.files)
       system_.addFile(file);
     if (c.onPath) system_.addToPath("ollama", *c.onPath);
@@ -68,8 +96,13 @@ TEST_F(RuntimeSupervisionTest, StartingOllamaRunsWhatThisMachineHas) {
     ASSERT_TRUE(waitForEvent("Ollama is not reachable."));
     EXPECT_EQ(onMain([&] { return app_->ollamaInstallState(); }), c.state);
     onMain([&] { app_->startOllama(); });
-    EXPECT_EQ(system_.launched(), c.launched);
-    EXPECT_EQ(onMain([&] { return app_->properties().lastEvent; }), "Starting Ollama\u2026");
+    EXPECT_TRUE(testing_support::eventually([&] { return system_.launched() == c.launched; }));
+    if (c.error) {
+      EXPECT_TRUE(waitForEvent("Could not start Ollama."));
+      EXPECT_EQ(onMain([&] { return app_->properties().ollamaError; }), c.error);
+    } else {
+      EXPECT_TRUE(sawEvent("Starting Ollama\u2026"));
+    }
   }
 }
 
