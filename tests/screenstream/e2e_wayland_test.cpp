@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <memory>
 #include <numeric>
-#include <regex>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -83,13 +82,19 @@ class EndToEndOnGnomeWayland : public StreamingApp {
         "DBUS_SESSION_BUS_ADDRESS=" + testing_support::shellQuoted(session_->busAddress()) +
         " gdbus call --session -d org.gnome.Mutter.DisplayConfig -o "
         "/org/gnome/Mutter/DisplayConfig -m org.gnome.Mutter.DisplayConfig.GetCurrentState");
-    // A mode reads ('3440x1440@60.000', 3440, 1440, 60.0, 1.0, [1.0], {'is-current': <true>, ...})
-    static const std::regex mode(R"(\('(\d+x\d+)@[^']*', \d+, \d+, [^{]*\{([^}]*)\})");
+    // A mode reads ('3440x1440@60.000', 3440, 1440, 60.0, 1.0, [1.0], {'is-current': <true>})
     std::vector<std::string> sizes;
-    for (std::sregex_iterator it(text.begin(), text.end(), mode), end; status == 0 && it != end;
-         ++it) {
-      if ((*it)[2].str().find("'is-current': <true>") != std::string::npos)
-        sizes.push_back((*it)[1].str());
+    for (std::size_t at = 0; status == 0 && (at = text.find("('", at)) != std::string::npos;) {
+      at += 2;
+      const auto rate = text.find('@', at);
+      const auto quote = text.find('\'', at);
+      if (rate == std::string::npos || quote < rate) continue;
+      const std::string size = text.substr(at, rate - at);
+      if (size.find_first_not_of("0123456789x") != std::string::npos) continue;
+      const auto open = text.find('{', rate);
+      const auto close = text.find('}', open);
+      if (text.substr(open, close - open).find("'is-current': <true>") != std::string::npos)
+        sizes.push_back(size);
     }
     return sizes;
   }
