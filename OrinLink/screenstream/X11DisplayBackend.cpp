@@ -300,7 +300,6 @@ class X11FrameSource : public FrameSource {
     if (!lease) return std::nullopt;
     xcb_connection_t* c = connection_->get();
     const BackendDisplay& d = monitor_.display;
-    std::uint64_t time = monotonicMicroseconds();
     auto imageCookie = xcb_shm_get_image(
         c, connection_->root(), static_cast<std::int16_t>(monitor_.x),
         static_cast<std::int16_t>(monitor_.y), static_cast<std::uint16_t>(d.pointWidth),
@@ -311,6 +310,9 @@ class X11FrameSource : public FrameSource {
 
     xcb_generic_error_t* error = nullptr;
     Reply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(c, imageCookie, &error));
+    // Stamped once the pixels are ours: whatever they show was drawn before this moment, however
+    // long the server took to get to the request.
+    const std::uint64_t time = monotonicMicroseconds();
     Reply<xcb_generic_error_t> imageError(error);
     if (cursor_) drawCursor(cursorCookie, lease->data);
     if (!image) throw vanishedOr(imageError.get());
@@ -453,7 +455,6 @@ class X11FrameSource : public FrameSource {
   std::optional<CapturedFrame> grabWithoutSharedMemory() {
     xcb_connection_t* c = connection_->get();
     const BackendDisplay& d = monitor_.display;
-    std::uint64_t time = monotonicMicroseconds();
     auto imageCookie = xcb_get_image(
         c, XCB_IMAGE_FORMAT_Z_PIXMAP, connection_->root(), static_cast<std::int16_t>(monitor_.x),
         static_cast<std::int16_t>(monitor_.y), static_cast<std::uint16_t>(d.pointWidth),
@@ -463,6 +464,7 @@ class X11FrameSource : public FrameSource {
     xcb_generic_error_t* error = nullptr;
     std::shared_ptr<xcb_get_image_reply_t> image(xcb_get_image_reply(c, imageCookie, &error),
                                                  FreeReply{});
+    const std::uint64_t time = monotonicMicroseconds();
     Reply<xcb_generic_error_t> imageError(error);
     if (!image || static_cast<std::size_t>(xcb_get_image_data_length(image.get())) < frameBytes()) {
       if (cursor_) xcb_discard_reply(c, cursorCookie.sequence);

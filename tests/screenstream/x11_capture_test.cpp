@@ -140,11 +140,10 @@ TEST_F(X11CaptureTest, CapturesMovingFramesWhoseStampTellsTheirAge) {
   for (const auto& s : stamped) {
     EXPECT_EQ(s.width, 1920);
     EXPECT_EQ(s.height, 1080);
-    // Frame times are taken as the grab is requested, and the pattern may draw once more before
-    // the server carries it out; otherwise the stamp is older than the frame, and not by much on
-    // an idle server.
+    // A frame is timed once its pixels arrived, so the stamp it shows can only be older, however
+    // loaded the machine; and not by much.
     auto age = static_cast<std::int64_t>(s.presentationTime - s.stamp->timeMicroseconds);
-    EXPECT_GT(age, -50'000);
+    EXPECT_GE(age, 0);
     EXPECT_LT(age, 1'000'000);
   }
   EXPECT_LT(stamped.front().stamp->frameCounter, stamped.back().stamp->frameCounter);
