@@ -20,11 +20,6 @@ constexpr std::uint32_t cursorEmbedded = 1;
 // The first version whose virtual monitors can be made part of the desktop ("is-platform").
 constexpr int virtualPlatformVersion = 3;
 
-struct SlotUnref {
-  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
-
 // A failed call: the service being gone is the user's problem to fix, anything else ours.
 [[noreturn]] void fail(sdbus::BusError& error, int status) {
   const std::string name = error.name();
@@ -105,35 +100,30 @@ MutterMonitor readMonitor(sd_bus_message* m) {
   return monitor;
 }
 
-std::uint64_t microseconds(std::chrono::steady_clock::duration d) {
-  return static_cast<std::uint64_t>(
-      std::max<std::int64_t>(0, std::chrono::duration_cast<std::chrono::microseconds>(d).count()));
-}
-
 }  // namespace
 
 MutterScreenCast::MutterScreenCast(std::chrono::milliseconds timeout) : timeout_(timeout) {}
 
-sdbus::Bus MutterScreenCast::connect() {
+sdbus::Bus MutterScreenCast::openBus() const {
   int status = 0;
-  auto bus = sdbus::open(sdbus::BusKind::session,
-                         static_cast<std::uint64_t>(timeout_.count()) * sdbus::millisecond, status);
+  return sdbus::open(sdbus::BusKind::session,
+                     static_cast<std::uint64_t>(timeout_.count()) * sdbus::millisecond, status);
+}
+
+sdbus::Bus MutterScreenCast::connect() {
+  auto bus = openBus();
   if (!bus) throw DisplayCaptureError::screenCastUnavailable();
   return bus;
 }
 
 bool MutterScreenCast::isAvailable() {
-  int status = 0;
-  auto bus = sdbus::open(sdbus::BusKind::session,
-                         static_cast<std::uint64_t>(timeout_.count()) * sdbus::millisecond, status);
+  const auto bus = openBus();
   return bus && sdbus::serviceReachable(bus.get(), screenCastName) &&
          sdbus::serviceReachable(bus.get(), displayConfigName);
 }
 
 bool MutterScreenCast::canRecordVirtual() {
-  int status = 0;
-  auto bus = sdbus::open(sdbus::BusKind::session,
-                         static_cast<std::uint64_t>(timeout_.count()) * sdbus::millisecond, status);
+  const auto bus = openBus();
   if (!bus) return false;
   sdbus::BusError error;
   int version = 0;
@@ -273,7 +263,7 @@ std::unique_ptr<MutterScreenCast::Session> MutterScreenCast::record(bool isVirtu
         return 0;
       },
       &wait));
-  const Slot addedSlot(added);
+  const sdbus::Slot addedSlot(added);
   sd_bus_slot* closed = nullptr;
   check(sd_bus_match_signal(
       bus, &closed, nullptr, session->path_.c_str(), sessionInterface, "Closed",
@@ -282,7 +272,7 @@ std::unique_ptr<MutterScreenCast::Session> MutterScreenCast::record(bool isVirtu
         return 0;
       },
       &wait));
-  const Slot closedSlot(closed);
+  const sdbus::Slot closedSlot(closed);
 
   raw = nullptr;
   status = sd_bus_call_method(bus, screenCastName, session->path_.c_str(), sessionInterface,
@@ -290,16 +280,10 @@ std::unique_ptr<MutterScreenCast::Session> MutterScreenCast::record(bool isVirtu
   if (status < 0) fail(error, status);
   reply.reset(raw);
 
-  const auto deadline = std::chrono::steady_clock::now() + timeout_;
-  while (wait.node == 0 && !wait.closed) {
-    const int processed = check(sd_bus_process(bus, nullptr));
-    if (processed > 0) continue;
-    const auto left = deadline - std::chrono::steady_clock::now();
-    if (left <= std::chrono::steady_clock::duration::zero()) {
-      throw DisplayCaptureError::captureFailed("screen cast", ETIMEDOUT);
-    }
-    check(sd_bus_wait(bus, microseconds(left)));
-  }
+  const int waited = sdbus::processUntil(bus, std::chrono::steady_clock::now() + timeout_,
+                                         [&] { return wait.node != 0 || wait.closed; });
+  if (waited == 0) throw DisplayCaptureError::captureFailed("screen cast", ETIMEDOUT);
+  check(waited);
   if (wait.closed) throw DisplayCaptureError::sharingEnded();
   session->nodeId_ = wait.node;
   return session;

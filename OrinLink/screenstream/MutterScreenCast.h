@@ -85,6 +85,8 @@ class MutterScreenCast {
   std::unique_ptr<Session> recordVirtual();
 
  private:
+  // Null when there is no session bus.
+  sdbus::Bus openBus() const;
   sdbus::Bus connect();
   std::unique_ptr<Session> record(bool isVirtual, const std::string& connector);
 

@@ -38,10 +38,7 @@ constexpr std::uint32_t responseDeclined = 1;
 // Restore tokens and persist_mode came with version 4 of the interface.
 constexpr std::uint32_t restoreVersion = 4;
 
-struct SlotUnref {
-  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
+using sdbus::Slot;
 
 [[noreturn]] void fail(int status) {
   throw DisplayCaptureError::captureFailed("portal", status);
@@ -237,17 +234,11 @@ class Exchange {
   }
 
   bool waitFor(const Response& response, Clock::time_point deadline) {
-    while (!response.message) {
-      const int handled = need(sd_bus_process(bus_, nullptr));
-      if (vanished_) fail(-ECONNRESET);
-      if (handled > 0) continue;
-      const auto left =
-          std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
-      if (left.count() <= 0) return false;
-      const int waited = sd_bus_wait(bus_, static_cast<std::uint64_t>(left.count()));
-      if (waited < 0 && waited != -EINTR) fail(waited);
-    }
-    return true;
+    const int waited = sdbus::processUntil(
+        bus_, deadline, [&] { return response.message != nullptr || vanished_; });
+    need(waited);
+    if (vanished_) fail(-ECONNRESET);
+    return waited > 0;
   }
 
   sd_bus* bus_;

@@ -1,5 +1,6 @@
 #include "OrinLink/system/SdBus.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace orin::sdbus {
@@ -56,6 +57,21 @@ bool serviceReachable(sd_bus* bus, const char* name) {
 void drain(sd_bus* bus) {
   while (sd_bus_process(bus, nullptr) > 0) {
   }
+}
+
+int processUntil(sd_bus* bus, std::chrono::steady_clock::time_point deadline,
+                 const std::function<bool()>& done) {
+  while (!done()) {
+    const int handled = sd_bus_process(bus, nullptr);
+    if (handled < 0) return handled;
+    if (handled > 0) continue;
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return 0;
+    const int waited = sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
+    if (waited < 0 && waited != -EINTR) return waited;
+  }
+  return 1;
 }
 
 }  // namespace orin::sdbus

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <systemd/sd-bus.h>
@@ -17,6 +19,11 @@ struct MessageUnref {
   void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
 };
 using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+
+struct SlotUnref {
+  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
 
 class BusError {
  public:
@@ -46,5 +53,10 @@ bool serviceReachable(sd_bus* bus, const char* name);
 
 // Handles what has arrived and sends what is queued, without waiting for more.
 void drain(sd_bus* bus);
+
+// Handles what arrives until `done()` holds (1) or `deadline` passes (0); a negative errno when
+// the connection fails.
+int processUntil(sd_bus* bus, std::chrono::steady_clock::time_point deadline,
+                 const std::function<bool()>& done);
 
 }  // namespace orin::sdbus
