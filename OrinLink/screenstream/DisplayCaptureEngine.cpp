@@ -30,16 +30,27 @@ struct DisplayCaptureEngine::Session {
   std::unique_ptr<FrameSource> source;
   FrameHandler onFrame;
   StopHandler onStop;
+  std::shared_ptr<FramePacer> pacer;
   std::chrono::nanoseconds interval{};
   std::mutex mutex;
   std::condition_variable wake;
   bool stopRequested = false;
+  // The pacer's word that its consumer is free: time to ask it again.
+  bool demandChanged = false;
   std::atomic<bool> finished = false;
 
   void requestStop() {
     {
       std::lock_guard lock(mutex);
       stopRequested = true;
+    }
+    wake.notify_all();
+  }
+
+  void noteDemandChanged() {
+    {
+      std::lock_guard lock(mutex);
+      demandChanged = true;
     }
     wake.notify_all();
   }
@@ -71,7 +82,7 @@ std::vector<CapturableDisplay> DisplayCaptureEngine::availableDisplays() {
 }
 
 void DisplayCaptureEngine::start(std::uint32_t displayID, int pixelWidth, int pixelHeight,
-                                 int framesPerSecond) {
+                                 int framesPerSecond, std::shared_ptr<FramePacer> pacer) {
   if (pixelWidth <= 0 || pixelHeight <= 0 || framesPerSecond <= 0) {
     throw std::invalid_argument("capture needs a positive size and frame rate");
   }
@@ -86,6 +97,7 @@ void DisplayCaptureEngine::start(std::uint32_t displayID, int pixelWidth, int pi
   session->source = backend_->open(displayID);
   session->onFrame = frameHandler_;
   session->onStop = stopHandler_;
+  session->pacer = std::move(pacer);
   session->interval = std::chrono::nanoseconds(1'000'000'000 / std::min(framesPerSecond, 1000));
 
   // Held while the thread starts, so a handler that stops the capture at once finds it.
@@ -122,14 +134,30 @@ bool DisplayCaptureEngine::isRunning() const {
 void DisplayCaptureEngine::run(const std::shared_ptr<Session>& session) {
   pthread_setname_np(pthread_self(), "orin.capture");
   using Clock = std::chrono::steady_clock;
-  auto next = Clock::now();
+  FramePacer* pacer = session->pacer.get();
+  if (pacer) {
+    pacer->setWake([weak = std::weak_ptr<Session>(session)] {
+      if (auto s = weak.lock()) s->noteDemandChanged();
+    });
+  }
+  // The next grab no sooner than this.
+  auto earliest = Clock::now();
   std::optional<DisplayCaptureError> failure;
   for (;;) {
     {
       std::unique_lock lock(session->mutex);
-      session->wake.wait_until(lock, next, [&] { return session->stopRequested; });
+      const auto stopOrDemand = [&] { return session->stopRequested || session->demandChanged; };
+      while (!session->stopRequested) {
+        session->demandChanged = false;
+        if (pacer && !pacer->wantsFrame()) {
+          session->wake.wait(lock, stopOrDemand);
+        } else if (!session->wake.wait_until(lock, earliest, stopOrDemand)) {
+          break;
+        }
+      }
       if (session->stopRequested) break;
     }
+    const auto began = Clock::now();
     try {
       if (auto frame = session->source->grab()) {
         if (session->onFrame) session->onFrame(*frame);
@@ -141,12 +169,19 @@ void DisplayCaptureEngine::run(const std::shared_ptr<Session>& session) {
       failure = DisplayCaptureError::captureFailed("system", ENOMEM);
       break;
     }
-    // Ticks stay on one grid; ticks missed by a slow grab are dropped, never caught up, so
-    // frames are never faster than the rate and never queue behind one another.
-    next += session->interval;
-    auto now = Clock::now();
-    if (next < now) next += ((now - next) / session->interval + 1) * session->interval;
+    if (pacer) {
+      // The consumer sets the pace; the rate only bounds how soon one grab follows another.
+      earliest = began + session->interval;
+    } else {
+      // Ticks stay on one grid; ticks missed by a slow grab are dropped, never caught up, so
+      // frames are never faster than the rate and never queue behind one another.
+      earliest += session->interval;
+      const auto now = Clock::now();
+      if (earliest < now)
+        earliest += ((now - earliest) / session->interval + 1) * session->interval;
+    }
   }
+  if (pacer) pacer->setWake({});
   session->source.reset();
   session->finished = true;
   if (failure) {

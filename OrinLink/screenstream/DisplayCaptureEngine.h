@@ -12,6 +12,7 @@
 #include "OrinLink/screenstream/CapturedFrame.h"
 #include "OrinLink/screenstream/DisplayBackend.h"
 #include "OrinLink/screenstream/DisplayCaptureError.h"
+#include "OrinLink/screenstream/FramePacer.h"
 
 namespace orin::screen {
 
@@ -37,10 +38,11 @@ std::string displayName(std::uint32_t id, const std::optional<std::string>& scre
 // aspect ratio (16:9 when it reports no height), rounded to the nearest even number.
 PixelSize captureSize(int pointWidth, int pointHeight, int pixelHeight);
 
-// Captures one display at a time as BGRA frames at its native size, paced at the frame rate on a
-// thread of its own. The frame handler runs on that thread for every frame and must not block;
-// the stop handler runs there once when a capture ends on its own, not when stop() ends it.
-// start(), stop() and availableDisplays() are called from one thread (the main loop).
+// Captures one display at a time as BGRA frames at its native size on a thread of its own, never
+// faster than the frame rate and, given the consumer's pacer, just in time for the consumer. The
+// frame handler runs on that thread for every frame and must not block; the stop handler runs there
+// once when a capture ends on its own, not when stop() ends it. start(), stop() and
+// availableDisplays() are called from one thread (the main loop).
 class DisplayCaptureEngine {
  public:
   using FrameHandler = std::function<void(const CapturedFrame&)>;
@@ -58,7 +60,8 @@ class DisplayCaptureEngine {
 
   // Replaces any running capture. Frames keep the display's native size; the encoder scales
   // them to streamSize(). Throws DisplayCaptureError.
-  void start(std::uint32_t displayID, int pixelWidth, int pixelHeight, int framesPerSecond);
+  void start(std::uint32_t displayID, int pixelWidth, int pixelHeight, int framesPerSecond,
+             std::shared_ptr<FramePacer> pacer = nullptr);
   // Safe from any thread, the capture thread's handlers included.
   void stop();
 

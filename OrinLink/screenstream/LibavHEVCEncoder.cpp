@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "OrinLink/screenstream/PixelConversion.h"
 #include "OrinLink/screenstream/VideoEncoder.h"
 
 extern "C" {
@@ -160,6 +161,12 @@ YUVConverter::~YUVConverter() {
   av_frame_free(&target_);
 }
 
+std::shared_ptr<AVFrame> YUVConverter::share() const {
+  AVFrame* reference = av_frame_clone(target_);
+  if (!reference) return nullptr;
+  return {reference, [](AVFrame* frame) { av_frame_free(&frame); }};
+}
+
 int YUVConverter::prepareScaler(int sourceWidth, int sourceHeight) {
   sws_freeContext(scaler_);
   scaler_ = sws_alloc_context();
@@ -190,6 +197,14 @@ int YUVConverter::convert(const CapturedFrame& source) {
   if (!source.pixels || source.width <= 0 || source.height <= 0 ||
       source.bytesPerRow < source.width * 4) {
     return AVERROR(EINVAL);
+  }
+  if (layout_ == Layout::planar && source.width == width_ && source.height == height_) {
+    if (const int status = av_frame_make_writable(target_); status < 0) return status;
+    AVFrame* picture = target_;
+    convertBGRAToI420(source.pixels, source.bytesPerRow, width_, height_,
+                      {picture->data[0], picture->data[1], picture->data[2], picture->linesize[0],
+                       picture->linesize[1], picture->linesize[2]});
+    return 0;
   }
   if (!scaler_ || source.width != sourceWidth_ || source.height != sourceHeight_) {
     if (const int status = prepareScaler(source.width, source.height); status < 0) return status;
@@ -315,13 +330,19 @@ std::span<const std::uint8_t> LibavHEVCEncoder::globalHeader() const {
   return {context->extradata, static_cast<std::size_t>(context->extradata_size)};
 }
 
-int LibavHEVCEncoder::encode(CapturedFrame frame, bool forceKeyframe, const PacketSink& sink) {
-  State& state = *state_;
-  int status = state.converter->convert(frame);
-  frame.owner.reset();
-  if (status < 0) return status;
+int LibavHEVCEncoder::prepare(const CapturedFrame& frame, Picture& picture) {
+  YUVConverter& converter = *state_->converter;
+  if (const int status = converter.convert(frame); status < 0) return status;
+  picture.frame = converter.share();
+  if (!picture.frame) return AVERROR(ENOMEM);
+  picture.presentationTimeMicroseconds = frame.presentationTimeMicroseconds;
+  return 0;
+}
 
-  AVFrame* picture = state.converter->target();
+int LibavHEVCEncoder::encode(const Picture& prepared, bool forceKeyframe, const PacketSink& sink) {
+  State& state = *state_;
+  int status = 0;
+  AVFrame* picture = prepared.frame.get();
   if (state.hardwareFrames) {
     av_frame_unref(state.upload.get());
     status = av_hwframe_get_buffer(state.hardwareFrames.get(), state.upload.get(), 0);
@@ -331,7 +352,7 @@ int LibavHEVCEncoder::encode(CapturedFrame frame, bool forceKeyframe, const Pack
     picture = state.upload.get();
   }
   picture->pts = static_cast<std::int64_t>(std::min<std::uint64_t>(
-      frame.presentationTimeMicroseconds,
+      prepared.presentationTimeMicroseconds,
       static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())));
   picture->pict_type = forceKeyframe ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
 

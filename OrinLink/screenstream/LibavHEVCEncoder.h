@@ -24,7 +24,8 @@ struct EncoderSettings {
 };
 
 // BGRA at whatever size capture delivers to planar YUV 4:2:0 (BT.709, limited range) at the
-// encoder's size: colour conversion and scaling in one libswscale pass.
+// encoder's size: colour conversion and scaling in one libswscale pass, or the faster conversion
+// of PixelConversion.h where the sizes are the same.
 class YUVConverter {
  public:
   enum class Layout { planar, nv12 };
@@ -34,9 +35,11 @@ class YUVConverter {
   YUVConverter(const YUVConverter&) = delete;
   YUVConverter& operator=(const YUVConverter&) = delete;
 
-  // 0 or an AVERROR. The target keeps its buffer unless the encoder still holds it.
+  // 0 or an AVERROR. The target keeps its buffer unless someone still holds a share of it.
   int convert(const CapturedFrame& source);
   AVFrame* target() { return target_; }
+  // A reference to the latest picture: its buffer is not written again while the share lives.
+  std::shared_ptr<AVFrame> share() const;
 
  private:
   int prepareScaler(int sourceWidth, int sourceHeight);
@@ -50,6 +53,12 @@ class YUVConverter {
   SwsContext* scaler_ = nullptr;
   AVFrame* source_ = nullptr;
   AVFrame* target_ = nullptr;
+};
+
+// A converted picture and its capture time, ready for the encoder.
+struct Picture {
+  std::shared_ptr<AVFrame> frame;
+  std::uint64_t presentationTimeMicroseconds = 0;
 };
 
 // One libavcodec HEVC encoder set up for low delay: no reordering, no lookahead, a keyframe at
@@ -72,9 +81,12 @@ class LibavHEVCEncoder {
   // Parameter sets the encoder published at opening, if it did (Annex B).
   std::span<const std::uint8_t> globalHeader() const;
 
-  // Converts the image, releases its owner, encodes, and hands every packet produced to `sink`.
-  // Returns 0 or the AVERROR of the step that failed.
-  int encode(CapturedFrame frame, bool forceKeyframe, const PacketSink& sink);
+  // Converts the image into `picture`; the image's owner may let go once this returns. Returns 0
+  // or an AVERROR.
+  int prepare(const CapturedFrame& frame, Picture& picture);
+  // Encodes a prepared picture and hands every packet produced to `sink`. Returns 0 or the
+  // AVERROR of the step that failed.
+  int encode(const Picture& picture, bool forceKeyframe, const PacketSink& sink);
 
  private:
   struct State;

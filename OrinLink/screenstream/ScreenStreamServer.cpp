@@ -101,7 +101,6 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     std::string displayName{unknownDeviceName};
     int pendingVideoSends = 0;
     bool waitingForKeyframe = true;
-    std::optional<std::chrono::steady_clock::time_point> lastKeyframeRequest;
     bool receivedHello = false;
     // Gone from the server: nothing more is handled or queued.
     bool didClose = false;
@@ -149,6 +148,8 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
   std::map<std::uint64_t, SessionPtr> departing;
   std::uint64_t nextSessionId = 0;
   std::shared_ptr<const ByteString> lastConfigFrame;
+  // The latest keyframe asked for, by a new session or one that fell behind.
+  std::optional<std::chrono::steady_clock::time_point> lastKeyframeRequest;
   std::unordered_set<std::string> revokedHashes;
   std::unique_ptr<ServiceAdvertiser::Registration> registration;
   bool stopped = false;
@@ -444,7 +445,7 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
 
   void sessionAuthenticated(const SessionPtr& session) {
     if (lastConfigFrame) queueSend(session, Outgoing{{}, 0, lastConfigFrame, false});
-    session->lastKeyframeRequest = std::chrono::steady_clock::now();
+    lastKeyframeRequest = std::chrono::steady_clock::now();
     notifyNeedsKeyframe();
     notifyClientsChanged();
     asio::co_spawn(serverExecutor, tellCurrentShape(shared_from_this(), session), asio::detached);
@@ -510,12 +511,12 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
         ++session->videoFramesDropped;
       }
       // Asked only once the client has room again, so a stalled client never turns every frame
-      // into a keyframe for everyone.
+      // into a keyframe for everyone; and spaced across all sessions, since each keyframe goes
+      // to every one of them.
       const bool hasRoom = session->pendingVideoSends < maxPendingVideoSends;
       if (session->waitingForKeyframe && hasRoom &&
-          (!session->lastKeyframeRequest ||
-           now - *session->lastKeyframeRequest >= options.keyframeRecoverySpacing)) {
-        session->lastKeyframeRequest = now;
+          (!lastKeyframeRequest || now - *lastKeyframeRequest >= options.keyframeRecoverySpacing)) {
+        lastKeyframeRequest = now;
         keyframeWanted = true;
       }
     }

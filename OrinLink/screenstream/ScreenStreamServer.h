@@ -75,9 +75,9 @@ class ScreenStreamServer {
     std::optional<boost::asio::ip::address> bindAddress;
     ServiceAdvertiser* advertiser = nullptr;
     std::chrono::steady_clock::duration helloTimeout = std::chrono::seconds(10);
-    // A client that keeps falling behind asks for a fresh keyframe this often at most: each one
-    // costs every client bandwidth and the encoder time.
-    std::chrono::steady_clock::duration keyframeRecoverySpacing = std::chrono::milliseconds(500);
+    // Clients that keep falling behind get a fresh keyframe this often at most, however many
+    // they are: each one costs every client bandwidth and the encoder time.
+    std::chrono::steady_clock::duration keyframeRecoverySpacing = std::chrono::seconds(1);
     // What "accepted" tells a client about wide shapes; asked on the server's loop, so it must
     // not block. Unset means they are supported.
     std::function<bool()> supportsVirtualDisplays;

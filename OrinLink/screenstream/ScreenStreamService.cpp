@@ -120,6 +120,7 @@ class LibavStreamEncoder final : public StreamEncoder {
                  std::move(output)) {}
   void encode(const CapturedFrame& frame) override { encoder_.encode(frame); }
   void forceKeyframe() override { encoder_.forceKeyframe(); }
+  std::shared_ptr<FramePacer> pacer() const override { return encoder_.pacer(); }
 
  private:
   VideoEncoder encoder_;
@@ -898,7 +899,7 @@ ScreenStreamService::CaptureResult ScreenStreamService::buildCapture(CaptureRequ
       [encoder = run->encoder](const CapturedFrame& frame) { encoder->encode(frame); },
       std::move(request.onStop));
   run->engine->start(displayID, request.encoder.width, request.encoder.height,
-                     request.encoder.framesPerSecond);
+                     request.encoder.framesPerSecond, run->encoder->pacer());
   result.run = std::move(run);
   return result;
 }

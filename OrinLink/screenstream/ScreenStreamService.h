@@ -81,10 +81,13 @@ std::int64_t averageBitrate(int width, int height, StreamResolutionPreset resolu
 class StreamEncoder {
  public:
   virtual ~StreamEncoder() = default;
-  // Any thread; returns at once.
+  // The capture thread; must not block.
   virtual void encode(const CapturedFrame& frame) = 0;
   // Any thread.
   virtual void forceKeyframe() = 0;
+  // When the encoder wants its next image, for capture to grab just in time; none means at the
+  // frame rate.
+  virtual std::shared_ptr<FramePacer> pacer() const { return nullptr; }
 };
 
 struct StreamEncoderSettings {

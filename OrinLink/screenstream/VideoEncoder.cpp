@@ -57,6 +57,8 @@ VideoEncoder::~VideoEncoder() {
 
 void VideoEncoder::encode(const CapturedFrame& frame) {
   submitted_.fetch_add(1, std::memory_order_relaxed);
+  // Told before the frame is there, so that taking it always clears the mark.
+  pacer_->offered();
   mailbox_.put(frame);
 }
 
@@ -65,20 +67,44 @@ const std::string& VideoEncoder::backendName() const {
 }
 
 VideoEncoder::Statistics VideoEncoder::statistics() const {
-  return {submitted_.load(std::memory_order_relaxed), mailbox_.replacedCount(),
-          delivered_.load(std::memory_order_relaxed), failed_.load(std::memory_order_relaxed),
-          lastFailureStatus_.load(std::memory_order_relaxed)};
+  return {submitted_.load(std::memory_order_relaxed),
+          mailbox_.replacedCount(),
+          delivered_.load(std::memory_order_relaxed),
+          failed_.load(std::memory_order_relaxed),
+          lastFailureStatus_.load(std::memory_order_relaxed),
+          busyMicroseconds_.load(std::memory_order_relaxed),
+          idleMicroseconds_.load(std::memory_order_relaxed),
+          convertMicroseconds_.load(std::memory_order_relaxed)};
 }
 
 void VideoEncoder::run() {
   const LibavHEVCEncoder::PacketSink sink = [this](const hevc::EncodedPacket& packet) {
     deliver(packet);
   };
+  using Clock = std::chrono::steady_clock;
+  std::optional<Clock::time_point> idleSince;
+  const auto microseconds = [](Clock::duration d) {
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(d).count());
+  };
   while (std::optional<CapturedFrame> frame = mailbox_.take()) {
     if (stopping_.load()) break;
+    const auto began = Clock::now();
+    if (idleSince) idleMicroseconds_.fetch_add(microseconds(began - *idleSince));
+    pacer_->started();
     const bool force = keyframes_.forceFrame(frame->presentationTimeMicroseconds);
-    const int status = backend_->encode(std::move(*frame), force, sink);
+    Picture prepared;
+    int status = backend_->prepare(*frame, prepared);
+    // The capture's buffer goes back as soon as its pixels are converted.
     frame.reset();
+    const auto converted = Clock::now();
+    convertMicroseconds_.fetch_add(microseconds(converted - began));
+    if (status >= 0) status = backend_->encode(prepared, force, sink);
+    prepared.frame.reset();
+    const auto ended = Clock::now();
+    pacer_->finished();
+    busyMicroseconds_.fetch_add(microseconds(ended - began));
+    idleSince = ended;
     if (status < 0) {
       // A requested keyframe that failed is still owed.
       if (force) keyframes_.request();

@@ -10,8 +10,10 @@
 #include "OrinLink/screenstream/CapturedFrame.h"
 #include "OrinLink/screenstream/EncodedVideoFrame.h"
 #include "OrinLink/screenstream/FrameMailbox.h"
+#include "OrinLink/screenstream/FramePacer.h"
 #include "OrinLink/screenstream/HEVCBitstream.h"
 #include "OrinLink/screenstream/KeyframePolicy.h"
+#include "OrinLink/screenstream/LibavHEVCEncoder.h"
 #include "OrinLinkShared/Error.h"
 
 namespace orin::screen {
@@ -33,11 +35,10 @@ class VideoEncoderError : public Error {
   std::int32_t status_;
 };
 
-class LibavHEVCEncoder;
-
-// Captured screen images in, HEVC frames out, for one capture run. Encoding happens on a thread
-// of its own that takes the newest submitted image whenever it is free, so a slow encoder lowers
-// the frame rate instead of adding delay. Frames arrive through `output` on that thread.
+// Captured screen images in, HEVC frames out, for one capture run. Converting and encoding happen
+// on a thread of its own that takes the newest submitted image whenever it is free, so a slow
+// encoder lowers the frame rate instead of adding delay; its pacer lets capture grab an image
+// only when the encoder is free to take it. Frames arrive through `output` on that thread.
 class VideoEncoder {
  public:
   using Output = std::function<void(EncodedVideoFrame)>;
@@ -50,6 +51,11 @@ class VideoEncoder {
     std::uint64_t failed = 0;
     // The code of the latest failure, 0 when none: describe with VideoEncoderError::encodeFailed.
     std::int32_t lastFailureStatus = 0;
+    // Time spent encoding, and waiting for a picture in between.
+    std::uint64_t busyMicroseconds = 0;
+    std::uint64_t idleMicroseconds = 0;
+    // Of the time spent encoding, that spent converting images.
+    std::uint64_t convertMicroseconds = 0;
   };
 
   // Throws VideoEncoderError (sessionCreationFailed) when no HEVC encoder can be opened.
@@ -69,6 +75,8 @@ class VideoEncoder {
   // The libavcodec encoder in use ("hevc_nvenc", "hevc_vaapi" or "libx265").
   const std::string& backendName() const;
   Statistics statistics() const;
+  // For the capture that feeds this encoder.
+  const std::shared_ptr<FramePacer>& pacer() const { return pacer_; }
 
  private:
   void run();
@@ -80,12 +88,16 @@ class VideoEncoder {
   std::unique_ptr<LibavHEVCEncoder> backend_;
   hevc::FrameAssembler assembler_;
   KeyframePolicy keyframes_;
+  std::shared_ptr<FramePacer> pacer_ = std::make_shared<FramePacer>();
   FrameMailbox<CapturedFrame> mailbox_;
   std::atomic<bool> stopping_{false};
   std::atomic<std::uint64_t> submitted_{0};
   std::atomic<std::uint64_t> delivered_{0};
   std::atomic<std::uint64_t> failed_{0};
   std::atomic<std::int32_t> lastFailureStatus_{0};
+  std::atomic<std::uint64_t> busyMicroseconds_{0};
+  std::atomic<std::uint64_t> idleMicroseconds_{0};
+  std::atomic<std::uint64_t> convertMicroseconds_{0};
   std::thread thread_;
 };
 

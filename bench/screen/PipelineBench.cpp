@@ -139,7 +139,10 @@ ordered_json hostStatistics(const VideoEncoder& encoder, orin::screen::ScreenStr
                      {"submitted", figures.submitted},
                      {"replaced", figures.replaced},
                      {"delivered", figures.delivered},
-                     {"failed", figures.failed}};
+                     {"failed", figures.failed},
+                     {"busyMs", figures.busyMicroseconds / 1000},
+                     {"idleMs", figures.idleMicroseconds / 1000},
+                     {"convertMs", figures.convertMicroseconds / 1000}};
   auto sessions = asio::co_spawn(mainContext, server.statistics(), asio::use_future).get();
   stats["sessions"] = ordered_json::array();
   for (const auto& session : sessions) {
@@ -204,7 +207,8 @@ int runHost(const Options& options) {
         displayBackend(options), [&encoder](const CapturedFrame& frame) { encoder.encode(frame); },
         {});
     try {
-      capture.start(displayOfSize(capture, options), options.width, options.height, options.fps);
+      capture.start(displayOfSize(capture, options), options.width, options.height, options.fps,
+                    encoder.pacer());
     } catch (const orin::screen::DisplayCaptureError& error) {
       fail(std::string("cannot capture: ") + error.what());
     }

@@ -338,6 +338,24 @@ TEST_F(CaptureEngineTest, ASlowGrabSkipsTicksInsteadOfCatchingUp) {
   EXPECT_LT(immediate * 2, state->grabStarts.size() - 1) << immediate << " grabs without a wait";
 }
 
+TEST_F(CaptureEngineTest, APacedCaptureGrabsOnlyWhenTheConsumerIsFree) {
+  auto pacer = std::make_shared<FramePacer>();
+  auto engine = makeEngine([&](const CapturedFrame&) { pacer->offered(); });
+  engine.start(1, 1280, 720, 1000, pacer);
+  ASSERT_TRUE(eventually([&] { return recorder.frameCount() == 1; }));
+  // Neither a frame still waiting nor one being worked on is a reason to grab another; at this
+  // rate an unpaced capture would grab dozens meanwhile.
+  const auto settle = [] { std::this_thread::sleep_for(30ms); };
+  settle();
+  EXPECT_EQ(recorder.frameCount(), 1);
+  pacer->started();
+  settle();
+  EXPECT_EQ(recorder.frameCount(), 1);
+  pacer->finished();
+  ASSERT_TRUE(eventually([&] { return recorder.frameCount() == 2; }));
+  engine.stop();
+}
+
 TEST_F(CaptureEngineTest, ADisplayThatGoesAwayStopsTheCaptureOnce) {
   state->failAfter = 3;
   auto engine = makeEngine();

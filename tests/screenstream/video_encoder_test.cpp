@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "OrinLink/screenstream/HEVCBitstream.h"
+#include "OrinLink/screenstream/PixelConversion.h"
 #include "OrinLink/screenstream/VideoEncoder.h"
 
 extern "C" {
@@ -279,6 +280,48 @@ TEST(VideoEncoder, ReplacesWaitingImagesWithNewerOnes) {
   EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
   for (const auto& owner : owners)
     EXPECT_TRUE(owner.expired());
+}
+
+// BT.709 limited range; chroma is the mean of each 2x2 block. The image is two blocks wide, each
+// block half one colour (top) and half the other (bottom), in rows padded beyond the picture.
+TEST(PixelConversion, ConvertsEachBlockToBT709LimitedRange) {
+  struct Colour {
+    std::uint8_t r, g, b;
+  };
+  struct Case {
+    Colour top, bottom;
+    std::uint8_t yTop, yBottom, u, v;
+  };
+  const Case cases[] = {
+      {{0, 0, 0}, {0, 0, 0}, 16, 16, 128, 128},
+      {{255, 255, 255}, {255, 255, 255}, 235, 235, 128, 128},
+      {{255, 0, 0}, {255, 0, 0}, 63, 63, 102, 240},
+      {{0, 255, 0}, {0, 255, 0}, 173, 173, 42, 26},
+      {{0, 0, 255}, {0, 0, 255}, 32, 32, 240, 118},
+      {{0, 0, 0}, {255, 255, 255}, 16, 235, 128, 128},
+  };
+  for (const auto& c : cases) {
+    constexpr int width = 4;
+    constexpr int stride = width * 4 + 8;
+    std::vector<std::uint8_t> bgra(stride * 2, 0xEE);
+    for (int x = 0; x < width; ++x) {
+      for (int row = 0; row < 2; ++row) {
+        const Colour& colour = row == 0 ? c.top : c.bottom;
+        std::uint8_t* pixel = &bgra[static_cast<std::size_t>(row * stride + x * 4)];
+        pixel[0] = colour.b;
+        pixel[1] = colour.g;
+        pixel[2] = colour.r;
+      }
+    }
+    std::vector<std::uint8_t> y(width * 2), u(width / 2), v(width / 2);
+    convertBGRAToI420(bgra.data(), stride, width, 2,
+                      {y.data(), u.data(), v.data(), width, width / 2, width / 2});
+    const std::vector<std::uint8_t> expectedY{c.yTop,    c.yTop,    c.yTop,    c.yTop,
+                                              c.yBottom, c.yBottom, c.yBottom, c.yBottom};
+    EXPECT_EQ(y, expectedY) << int(c.top.r) << "," << int(c.top.g) << "," << int(c.top.b);
+    EXPECT_EQ(u, (std::vector<std::uint8_t>{c.u, c.u}));
+    EXPECT_EQ(v, (std::vector<std::uint8_t>{c.v, c.v}));
+  }
 }
 
 TEST(VideoEncoder, RefusesSizesItCannotEncode) {
