@@ -5,8 +5,9 @@
 # pattern (scripts/xserver.sh). Builds the release preset's targets first, prints the figures and
 # their goals, and writes build/release/screen-bench-results.json (one file per size beside it).
 #
-#   scripts/bench-screen.sh                 # 60 s per phase, about 8 minutes
-#   scripts/bench-screen.sh --quick         # 10 s per phase, about 2 minutes
+#   scripts/bench-screen.sh                 # 20 s per phase, orinlink and ffmpeg alternated three
+#                                           # times, about 8 minutes
+#   scripts/bench-screen.sh --quick         # 10 s per phase, one round, about 2 minutes
 #   scripts/bench-screen.sh --phases orinlink ffmpeg   # extra arguments go to orin_screen_bench
 #   scripts/bench-screen.sh --wayland       # also the pipeline on a headless GNOME desktop
 #
