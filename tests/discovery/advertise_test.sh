@@ -9,16 +9,10 @@ skip=77
 work=$(mktemp -d)
 started_avahi=0
 app_pid=""
-cleanup() {
-  [ -n "$app_pid" ] && kill "$app_pid" 2>/dev/null && wait "$app_pid" 2>/dev/null || true
-  [ "$started_avahi" = 1 ] && avahi-daemon -k 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-# Polls (bounded) until the command succeeds; daemons answer on their own schedule.
+# Polls (bounded) until the command succeeds; daemons answer on their own schedule, and slowly
+# on a machine that also builds.
 eventually() {
-  for _ in $(seq 1 100); do
+  for _ in $(seq 1 200); do
     if "$@"; then return 0; fi
     sleep 0.1
   done
@@ -26,6 +20,27 @@ eventually() {
 }
 
 avahi_running() { avahi-daemon -c 2>/dev/null; }
+avahi_gone() { ! avahi_running; }
+
+cleanup() {
+  [ -n "$app_pid" ] && kill "$app_pid" 2>/dev/null && wait "$app_pid" 2>/dev/null || true
+  # -k only asks: the next run must not find this daemon still holding its bus name.
+  if [ "$started_avahi" = 1 ]; then
+    avahi-daemon -k 2>/dev/null || true
+    eventually avahi_gone || true
+  fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# Waits for the app to print a line, or fails saying which and showing what it printed.
+expect_output() {
+  if ! eventually grep -q "$1" "$work/out.txt"; then
+    echo "orinlink never printed \"$1\"; it printed:"
+    cat "$work/out.txt"
+    exit 1
+  fi
+}
 bus_alive() {
   dbus-send --system --dest=org.freedesktop.DBus --type=method_call --print-reply \
     /org/freedesktop/DBus org.freedesktop.DBus.GetId >/dev/null 2>&1
@@ -61,18 +76,18 @@ env -u DISPLAY -u WAYLAND_DISPLAY XDG_RUNTIME_DIR="$work/run" \
   --stream-port 0 --no-open \
   > "$work/out.txt" 2>&1 &
 app_pid=$!
-eventually grep -q "Server started on port" "$work/out.txt"
+expect_output "Server started on port"
 port=$(sed -n 's/^Server started on port \([0-9]*\)\.$/\1/p' "$work/out.txt")
 
 if [ "$needs_daemon" = 1 ]; then
-  eventually grep -q "Discovery is unavailable" "$work/out.txt"
+  expect_output "Discovery is unavailable"
   if ! avahi-daemon -D --no-drop-root --no-chroot 2>"$work/avahi.txt"; then
     echo "avahi-daemon did not start:"
     cat "$work/avahi.txt"
     exit 1
   fi
   started_avahi=1
-  eventually grep -q "Discovery is available" "$work/out.txt"
+  expect_output "Discovery is available"
 fi
 
 advertised() {
