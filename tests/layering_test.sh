@@ -4,19 +4,8 @@
 # below it. A new folder needs a rank here.
 set -euo pipefail
 root=${1:?usage: layering_test.sh SOURCE_DIR}
-
-declare -A rank=(
-  [OrinLinkShared]=0
-  [common]=1 [concurrency]=1
-  [http]=2
-  [pairing]=3 [runtime]=3 [settings]=3 [controlclient]=3
-  [system]=4
-  [server]=5
-  [screenstream]=6
-  [core]=7
-  [ui]=8
-  [app]=9
-)
+declare -A rank=([OrinLinkShared]=0 [common]=1 [concurrency]=1 [http]=2 [pairing]=3 [runtime]=3
+  [settings]=3 [controlclient]=3 [system]=4 [server]=5 [screenstream]=6 [core]=7 [ui]=8 [app]=9)
 
 # Sets `layer` to the folder that ranks a path relative to the source directory.
 layer_of() {
@@ -25,23 +14,17 @@ layer_of() {
     OrinLink/*/*) layer=${1#OrinLink/} && layer=${layer%%/*} ;;
     *) layer=${1%/*} ;;
   esac
+  [[ -n ${rank[$layer]+set} ]] && return
+  echo "$file:$line: $layer has no rank in $0"
+  failed=1 && return 1
 }
 
 pattern='include[[:space:]]*["<]((OrinLinkShared|OrinLink/[^/">]+)/[^">]*)'
 failed=0
-while IFS= read -r hit; do
-  file=${hit%%:*} && rest=${hit#*:} && line=${rest%%:*} && text=${rest#*:}
+while IFS=: read -r file line text; do
   [[ $text =~ $pattern ]] || continue
   header=${BASH_REMATCH[1]} && file=${file#"$root"/}
-  layer_of "$file" && from=$layer
-  layer_of "$header" && to=$layer
-  for folder in "$from" "$to"; do
-    if [[ -z ${rank[$folder]+set} ]]; then
-      echo "$file:$line: $folder has no rank in tests/layering_test.sh"
-      failed=1
-      continue 2
-    fi
-  done
+  layer_of "$file" && from=$layer && layer_of "$header" && to=$layer || continue
   if [[ $from != "$to" ]] && ((rank[$to] >= rank[$from])); then
     echo "$file:$line: includes $header, which is not below $from"
     failed=1
