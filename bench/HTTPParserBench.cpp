@@ -8,7 +8,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "OrinLink/server/HTTPParser.h"
+#include "OrinLink/http/HTTPParser.h"
 
 #include "AllocationCounter.h"
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "OrinLink/server/HTTPParser.h"
+#include "OrinLink/http/HTTPParser.h"
 #include "OrinLinkShared/Assert.h"
 #include "OrinLinkShared/Text.h"
 

@@ -20,14 +20,14 @@
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/steady_timer.hpp>
 
-#include "OrinLink/core/SettingsStore.h"
 #include "OrinLink/core/SetupGuide.h"
-#include "OrinLink/core/SystemActions.h"
 #include "OrinLink/pairing/DeviceRegistry.h"
 #include "OrinLink/runtime/OllamaRuntime.h"
 #include "OrinLink/screenstream/ScreenStreamService.h"
 #include "OrinLink/server/LocalHTTPServer.h"
+#include "OrinLink/settings/SettingsStore.h"
 #include "OrinLink/system/DesktopIntegration.h"
+#include "OrinLink/system/SystemActions.h"
 #include "OrinLinkShared/AIRecords.h"
 
 namespace orin {

@@ -19,8 +19,6 @@
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/steady_timer.hpp>
 
-#include "OrinLink/core/SettingsStore.h"
-#include "OrinLink/core/SystemActions.h"
 #include "OrinLink/pairing/DeviceRegistry.h"
 #include "OrinLink/screenstream/CapturedFrame.h"
 #include "OrinLink/screenstream/DisplayBackend.h"
@@ -30,6 +28,8 @@
 #include "OrinLink/screenstream/ScreenStreamServer.h"
 #include "OrinLink/screenstream/VirtualDisplayFactory.h"
 #include "OrinLink/server/ServiceAdvertiser.h"
+#include "OrinLink/settings/SettingsStore.h"
+#include "OrinLink/system/SystemActions.h"
 #include "OrinLinkShared/ScreenStream.h"
 
 namespace orin::screen {

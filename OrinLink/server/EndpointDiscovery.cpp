@@ -8,7 +8,7 @@
 #include <set>
 #include <sys/socket.h>
 
-#include "OrinLink/core/SystemActions.h"
+#include "OrinLink/system/SystemActions.h"
 #include "OrinLinkShared/JSONCoding.h"
 #include "OrinLinkShared/Text.h"
 

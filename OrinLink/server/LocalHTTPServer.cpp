@@ -22,8 +22,8 @@
 #include <boost/asio/write.hpp>
 
 #include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/http/HTTPParser.h"
 #include "OrinLink/pairing/TokenHash.h"
-#include "OrinLink/server/HTTPParser.h"
 #include "OrinLinkShared/AIRecords.h"
 
 namespace orin {

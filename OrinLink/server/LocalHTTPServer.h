@@ -11,7 +11,7 @@
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/ip/address.hpp>
 
-#include "OrinLink/server/HTTPMessage.h"
+#include "OrinLink/http/HTTPMessage.h"
 #include "OrinLink/server/ServiceAdvertiser.h"
 
 namespace orin {

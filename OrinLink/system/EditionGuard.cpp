@@ -15,8 +15,8 @@
 
 #include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/controlclient/ControlClient.h"
 #include "OrinLink/system/LinuxDesktopIntegration.h"
-#include "OrinLink/ui/ControlClient.h"
 
 namespace orin {
 

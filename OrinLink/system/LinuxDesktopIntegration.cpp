@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "OrinLink/common/AtomicFile.h"
-#include "OrinLink/core/SystemActions.h"
+#include "OrinLink/system/SystemActions.h"
 
 namespace orin {
 

@@ -10,8 +10,8 @@
 
 #include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
+#include "OrinLink/controlclient/ControlClient.h"
 #include "OrinLink/core/Diagnostics.h"
-#include "OrinLink/ui/ControlClient.h"
 #include "OrinLink/ui/ControlPanelAssets.h"
 
 namespace orin {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "OrinLink/server/HTTPMessage.h"
+#include "OrinLink/http/HTTPMessage.h"
 
 namespace orin {
 

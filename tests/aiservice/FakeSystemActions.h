@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "OrinLink/core/SystemActions.h"
+#include "OrinLink/system/SystemActions.h"
 
 namespace orin::test {
 

@@ -12,7 +12,7 @@
 #include <boost/asio/write.hpp>
 #include <gtest/gtest.h>
 
-#include "OrinLink/ui/ControlClient.h"
+#include "OrinLink/controlclient/ControlClient.h"
 
 #include "tests/core/TemporaryDirectory.h"
 

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "OrinLink/common/AtomicFile.h"
-#include "OrinLink/core/SettingsStore.h"
+#include "OrinLink/settings/SettingsStore.h"
 
 #include "tests/core/TemporaryDirectory.h"
 

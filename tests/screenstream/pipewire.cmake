@@ -12,8 +12,7 @@ target_link_libraries(orin_pipewire_test_support PUBLIC GTest::gtest orin_waylan
   PRIVATE PkgConfig::PipeWire Threads::Threads)
 orin_set_warnings(orin_pipewire_test_support)
 
-add_executable(pipewire_capture_tests pipewire_capture_test.cpp)
-target_link_libraries(pipewire_capture_tests PRIVATE OrinLinkPipeWireCapture
-  orin_pipewire_test_support GTest::gtest GTest::gtest_main)
-orin_set_warnings(pipewire_capture_tests)
-gtest_discover_tests(pipewire_capture_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+orin_add_test_executable(pipewire_capture_tests
+  LINK OrinLinkPipeWireCapture orin_pipewire_test_support
+  SOURCES pipewire_capture_test.cpp
+  PROPERTIES TIMEOUT 120)

@@ -5,16 +5,12 @@ target_include_directories(orin_portal_standin PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(orin_portal_standin PUBLIC OrinLinkSdBus Threads::Threads)
 orin_set_warnings(orin_portal_standin)
 
-add_executable(portal_screencast_tests
-  portal_screencast_test.cpp
-  ${PROJECT_SOURCE_DIR}/tests/system/SystemFixture.cpp
-)
+orin_add_test_executable(portal_screencast_tests
+  LINK OrinLinkPortalScreenCast orin_portal_standin OrinLinkPipeWireCapture
+       orin_pipewire_test_support
+  SOURCES portal_screencast_test.cpp ${PROJECT_SOURCE_DIR}/tests/system/SystemFixture.cpp
+  PROPERTIES TIMEOUT 120)
 target_include_directories(portal_screencast_tests PRIVATE ${PROJECT_SOURCE_DIR})
 # The fixture also starts the system tests' stand-in; these tests never do.
 target_compile_definitions(portal_screencast_tests PRIVATE
   ORIN_BUS_STANDIN="$<TARGET_FILE:bus_standin>")
-target_link_libraries(portal_screencast_tests PRIVATE OrinLinkPortalScreenCast
-  orin_portal_standin OrinLinkPipeWireCapture orin_pipewire_test_support GTest::gtest
-  GTest::gtest_main)
-orin_set_warnings(portal_screencast_tests)
-gtest_discover_tests(portal_screencast_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)

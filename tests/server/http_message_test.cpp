@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "OrinLink/server/HTTPMessage.h"
+#include "OrinLink/http/HTTPMessage.h"
 #include "OrinLinkShared/AIRecords.h"
 
 namespace orin {

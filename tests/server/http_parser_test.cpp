@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "OrinLink/server/HTTPParser.h"
+#include "OrinLink/http/HTTPParser.h"
 
 namespace orin {
 

@@ -13,8 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "OrinLink/concurrency/SerialExecutor.h"
+#include "OrinLink/http/HTTPParser.h"
 #include "OrinLink/pairing/TokenHash.h"
-#include "OrinLink/server/HTTPParser.h"
 #include "OrinLink/server/LocalHTTPServer.h"
 
 #include "tests/support/Eventually.h"

@@ -1,4 +1,4 @@
-#include "OrinLink/server/HTTPParser.h"
+#include "OrinLink/http/HTTPParser.h"
 
 #include <algorithm>
 #include <charconv>

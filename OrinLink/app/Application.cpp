@@ -1,4 +1,4 @@
-#include "OrinLink/core/Application.h"
+#include "OrinLink/app/Application.h"
 
 #include <csignal>
 #include <cstdio>
@@ -10,11 +10,11 @@
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/concurrency/SerialExecutor.h"
 #include "OrinLink/core/AppState.h"
-#include "OrinLink/core/SettingsStore.h"
-#include "OrinLink/core/SystemActions.h"
 #include "OrinLink/server/AvahiAdvertiser.h"
+#include "OrinLink/settings/SettingsStore.h"
 #include "OrinLink/system/EditionGuard.h"
 #include "OrinLink/system/LinuxDesktopIntegration.h"
+#include "OrinLink/system/SystemActions.h"
 #include "OrinLink/ui/ControlAPI.h"
 #include "OrinLink/ui/ControlPanelAssets.h"
 #include "OrinLink/ui/TerminalView.h"

@@ -1,4 +1,4 @@
-#include "OrinLink/ui/ControlClient.h"
+#include "OrinLink/controlclient/ControlClient.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>

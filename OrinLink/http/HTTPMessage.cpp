@@ -1,4 +1,4 @@
-#include "OrinLink/server/HTTPMessage.h"
+#include "OrinLink/http/HTTPMessage.h"
 
 #include "OrinLinkShared/AIRecords.h"
 #include "OrinLinkShared/Text.h"

@@ -1,4 +1,4 @@
-#include "OrinLink/core/SystemActions.h"
+#include "OrinLink/system/SystemActions.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "OrinLink/core/SettingsStore.h"
+#include "OrinLink/settings/SettingsStore.h"
 
 #include <charconv>
 #include <cmath>

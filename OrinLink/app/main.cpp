@@ -3,11 +3,11 @@
 #include <optional>
 #include <string>
 
+#include "OrinLink/app/Application.h"
 #include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
-#include "OrinLink/core/Application.h"
+#include "OrinLink/controlclient/ControlClient.h"
 #include "OrinLink/system/EditionGuard.h"
-#include "OrinLink/ui/ControlClient.h"
 #include "OrinLink/ui/QRCode.h"
 
 namespace {
