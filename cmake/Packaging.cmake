@@ -8,6 +8,9 @@ set(ORIN_PACKAGING_OUT ${PROJECT_BINARY_DIR}/packaging)
 
 install(TARGETS orinlink orinlink-device orinlink-display-watchdog
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# Loaded by orinlink when a stream first needs an encoder; a module, so not executable.
+install(TARGETS orinlink-encoder LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/orinlink
+        PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 install(FILES ${ORIN_PACKAGING_DIR}/${ORIN_APP_ID}.desktop
         DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES ${ORIN_PACKAGING_DIR}/${ORIN_APP_ID}.svg

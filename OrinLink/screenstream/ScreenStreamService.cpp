@@ -14,7 +14,6 @@
 
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/screenstream/OrinVirtualDisplay.h"
-#include "OrinLink/screenstream/VideoEncoder.h"
 #include "OrinLink/screenstream/VirtualDisplayError.h"
 #include "OrinLink/screenstream/WaylandCapture.h"
 #include "OrinLink/screenstream/X11DisplayBackend.h"
@@ -112,19 +111,6 @@ template <class F>
 asio::awaitable<std::invoke_result_t<F&>> blocking(F f) {
   co_return f();
 }
-
-class LibavStreamEncoder final : public StreamEncoder {
- public:
-  LibavStreamEncoder(const StreamEncoderSettings& settings, VideoEncoder::Output output)
-      : encoder_(settings.width, settings.height, settings.framesPerSecond, settings.averageBitrate,
-                 std::move(output)) {}
-  void encode(const CapturedFrame& frame) override { encoder_.encode(frame); }
-  void forceKeyframe() override { encoder_.forceKeyframe(); }
-  std::shared_ptr<FramePacer> pacer() const override { return encoder_.pacer(); }
-
- private:
-  VideoEncoder encoder_;
-};
 
 class RandRVirtualScreen final : public VirtualScreen {
  public:
@@ -294,10 +280,7 @@ StreamPlatform makeDefaultStreamPlatform(const std::string& xDisplay,
                                          const std::string& watchdogPath) {
   StreamPlatform platform;
   platform.displays = std::make_shared<X11DisplayBackend>(xDisplay);
-  platform.encoders = [](const StreamEncoderSettings& settings,
-                         std::function<void(EncodedVideoFrame)> output) {
-    return std::make_unique<LibavStreamEncoder>(settings, std::move(output));
-  };
+  platform.encoders = loadableEncoderFactory();
   platform.virtualDisplays = std::make_shared<RandRVirtualDisplayFactory>(
       OrinVirtualDisplay::Options{xDisplay, watchdogPath});
   platform.describeCapture = [xDisplay] {

@@ -26,6 +26,7 @@
 #include "OrinLink/screenstream/DisplayCaptureError.h"
 #include "OrinLink/screenstream/EncodedVideoFrame.h"
 #include "OrinLink/screenstream/ScreenStreamServer.h"
+#include "OrinLink/screenstream/StreamEncoder.h"
 #include "OrinLink/screenstream/VirtualDisplayFactory.h"
 #include "OrinLink/server/ServiceAdvertiser.h"
 #include "OrinLink/settings/SettingsStore.h"
@@ -75,33 +76,6 @@ PixelSize streamSize(VirtualDisplayPreset preset, StreamResolutionPreset resolut
 // The preset's base rate scaled by area against a 16:9 picture of its height, within half and
 // twice the base.
 std::int64_t averageBitrate(int width, int height, StreamResolutionPreset resolution);
-
-// What the service asks of an HEVC encoder; one per capture run. Destroying it stops the
-// encoding thread, after which no output is delivered.
-class StreamEncoder {
- public:
-  virtual ~StreamEncoder() = default;
-  // The capture thread; must not block.
-  virtual void encode(const CapturedFrame& frame) = 0;
-  // Any thread.
-  virtual void forceKeyframe() = 0;
-  // When the encoder wants its next image, for capture to grab just in time; none means at the
-  // frame rate.
-  virtual std::shared_ptr<FramePacer> pacer() const { return nullptr; }
-};
-
-struct StreamEncoderSettings {
-  int width = 0;
-  int height = 0;
-  int framesPerSecond = 0;
-  std::int64_t averageBitrate = 0;
-  bool operator==(const StreamEncoderSettings&) const = default;
-};
-
-// Frames come out on the encoder's own thread. Throws an Error (VideoEncoderError) when no
-// encoder can be opened.
-using EncoderFactory = std::function<std::unique_ptr<StreamEncoder>(
-    const StreamEncoderSettings& settings, std::function<void(EncodedVideoFrame)> output)>;
 
 // The platform pieces of streaming. All their blocking calls are made on the service's
 // platform executor, one at a time.

@@ -40,6 +40,7 @@ expect_file() { # mode prefix, path
 for program in orinlink orinlink-device orinlink-display-watchdog; do
   expect_file -rwxr-xr-x "/usr/bin/$program"
 done
+expect_file -rw-r--r-- /usr/lib/orinlink/orinlink-encoder.so
 for file in \
   /usr/share/applications/app.orinlink.OrinLink.desktop \
   /usr/share/icons/hicolor/scalable/apps/app.orinlink.OrinLink.svg \
@@ -50,7 +51,7 @@ for file in \
   expect_file -rw-r--r-- "$file"
 done
 # Nothing but the application: no libraries, headers or test programs, nothing outside /usr.
-allowed='^/usr/(bin/orinlink(-device|-display-watchdog)?|share/applications/app\.orinlink\.OrinLink\.desktop|share/icons/hicolor/[^/]+/apps/app\.orinlink\.OrinLink\.(svg|png)|lib/systemd/user/orinlink\.service|share/man/man1/orinlink\.1\.gz)$'
+allowed='^/usr/(bin/orinlink(-device|-display-watchdog)?|lib/orinlink/orinlink-encoder\.so|share/applications/app\.orinlink\.OrinLink\.desktop|share/icons/hicolor/[^/]+/apps/app\.orinlink\.OrinLink\.(svg|png)|lib/systemd/user/orinlink\.service|share/man/man1/orinlink\.1\.gz)$'
 unexpected=$(grep '^-' "$work/files.txt" | awk '{print $2}' | grep -Ev "$allowed" || true)
 [ -z "$unexpected" ] || fail "unexpected files: $unexpected"
 outside=$(awk '{print $2}' "$work/files.txt" | grep -Ev '^/(usr/.*)?$' || true)
