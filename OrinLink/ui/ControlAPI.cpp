@@ -11,6 +11,7 @@
 #include "OrinLink/common/AtomicFile.h"
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/core/Diagnostics.h"
+#include "OrinLink/server/RouteTable.h"
 #include "OrinLink/ui/ControlClient.h"
 #include "OrinLink/ui/ControlPanelAssets.h"
 
@@ -157,11 +158,26 @@ bool ControlAPI::hasSecret(const HTTPRequest& request) const {
 }
 
 asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
+  using View = HTTPHandlerResult (*)(ControlAPI&, AppState&);
+  static const RouteTable<View> views{
+      {{"GET", "/api/state"},
+       [](ControlAPI&, AppState& app) {
+         return HTTPHandlerResult::response(jsonReply(HTTPStatus::ok, snapshot(app)));
+       }},
+      {{"GET", "/api/events"},
+       [](ControlAPI& api, AppState&) {
+         return HTTPHandlerResult::eventStream(api.changeStream());
+       }},
+      {{"GET", "/api/pairing/qr.svg"},
+       [](ControlAPI&, AppState& app) {
+         return HTTPHandlerResult::response(qrCodeResponse(app.pairingPayload()));
+       }},
+  };
   if (!hostAllowed(request)) {
     co_return HTTPHandlerResult::response(HTTPResponse::error(HTTPStatus::forbidden, "forbidden",
                                                               "This address is not allowed here."));
   }
-  const std::string path = request.path.substr(0, request.path.find('?'));
+  const std::string path(routingPath(request.path));
   // The page and its files hold nothing secret, and must load before there is a session.
   if (request.method == "GET") {
     if (const EmbeddedAsset* asset = findPanelAsset(path)) {
@@ -178,14 +194,8 @@ asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
     co_return HTTPHandlerResult::response(HTTPResponse::error(
         HTTPStatus::internalServerError, "unavailable", "Orin Link is shutting down."));
   }
-  if (request.method == "GET" && path == "/api/state") {
-    co_return HTTPHandlerResult::response(jsonReply(HTTPStatus::ok, snapshot(*app)));
-  }
-  if (request.method == "GET" && path == "/api/events") {
-    co_return HTTPHandlerResult::eventStream(changeStream());
-  }
-  if (request.method == "GET" && path == "/api/pairing/qr.svg") {
-    co_return HTTPHandlerResult::response(qrCodeResponse(app->pairingPayload()));
+  if (const View* view = views.find(request.method, request.path)) {
+    co_return (*view)(*this, *app);
   }
   if (request.method == "POST" && path.starts_with("/api/")) {
     if (!originAllowed(request)) {
@@ -246,6 +256,23 @@ void applySettings(AppState& app, const json::ObjectReader& args) {
   app.saveSettings();
 }
 
+void applyStreamSettings(screen::ScreenStreamService& stream, const json::ObjectReader& args) {
+  screen::StreamSettings next = stream.settings();
+  if (auto id = args.optional<std::uint32_t>("selectedDisplayID")) next.selectedDisplayID = *id;
+  if (auto height = args.optional<std::int64_t>("resolutionHeight")) {
+    next.resolutionPreset = screen::resolutionPresetForHeight(*height);
+  }
+  if (auto preset = args.optional<std::int64_t>("virtualDisplayPreset")) {
+    next.virtualDisplayPreset = screen::virtualPresetForSettingsValue(*preset);
+  }
+  if (auto replaces = args.optional<bool>("virtualDisplayReplacesDesktop")) {
+    next.virtualDisplayReplacesDesktop = *replaces;
+  }
+  if (auto fps = args.optional<int>("framesPerSecond")) next.framesPerSecond = *fps;
+  if (auto port = args.optional<std::uint16_t>("streamPort")) next.streamPort = *port;
+  stream.applySettings(next);
+}
+
 HTTPResponse conflict(std::string message) {
   HTTPResponse response = HTTPResponse::error(409, "conflict", std::move(message));
   response.reason = "Conflict";
@@ -276,75 +303,128 @@ HTTPResponse ControlAPI::performSetupAction(AppState& app, const json::ObjectRea
 }
 
 HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPRequest& request) {
+  // Nothing means done: the reply is the state after the change.
+  using Operation =
+      std::optional<HTTPResponse> (*)(ControlAPI&, AppState&, const json::ObjectReader&);
+  static const auto done = std::optional<HTTPResponse>();
+  static const auto noStream = [] {
+    return HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                               "Screen streaming is not available in this run.");
+  };
+  static const RouteTable<Operation> operations{
+      {{"POST", "/api/pairing/new-code"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
+         app.newPairingCode();
+         return done;
+       }},
+      {{"POST", "/api/devices/remove"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
+         if (app.removeDevice(args.required<Uuid>("id"))) return done;
+         return std::optional(HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                                  "No paired device has that id."));
+       }},
+      {{"POST", "/api/server/start"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
+         app.startServer();
+         return done;
+       }},
+      {{"POST", "/api/server/stop"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
+         app.stopServer();
+         return done;
+       }},
+      {{"POST", "/api/settings"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
+         applySettings(app, args);
+         return done;
+       }},
+      {{"POST", "/api/setup/action"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
+         return std::optional(performSetupAction(app, args));
+       }},
+      {{"POST", "/api/guide"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
+         app.setGuidePresented(args.required<bool>("presented"));
+         return done;
+       }},
+      {{"POST", "/api/panel/open"},
+       [](ControlAPI& api, AppState&, const json::ObjectReader&) {
+         if (!api.openPanel_) {
+           return std::optional(HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                                    "Nothing is at /api/panel/open."));
+         }
+         api.openPanel_();
+         return done;
+       }},
+      {{"POST", "/api/conversations"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
+         app.setShowConversations(args.required<bool>("show"));
+         return done;
+       }},
+      {{"POST", "/api/runtime/refresh"},
+       [](ControlAPI& api, AppState& app, const json::ObjectReader&) {
+         asio::co_spawn(
+             api.mainExecutor_,
+             [app = app.shared_from_this()]() -> asio::awaitable<void> {
+               co_await app->runtimeSupervisor().refresh();
+             },
+             asio::detached);
+         return done;
+       }},
+      {{"POST", "/api/runtime/start-ollama"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
+         app.runtimeSupervisor().startOllama();
+         return done;
+       }},
+      {{"POST", "/api/runtime/download-ollama"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
+         app.runtimeSupervisor().openDownloadPage();
+         return done;
+       }},
+      {{"POST", "/api/runtime/pull"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
+         app.runtimeSupervisor().pull(
+             args.optional<std::string>("model").value_or(app.properties().activeModel));
+         return done;
+       }},
+      {{"POST", "/api/runtime/pause"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
+         app.runtimeSupervisor().cancelPull();
+         return done;
+       }},
+      {{"POST", "/api/runtime/warm"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
+         app.runtimeSupervisor().warm(true);
+         return done;
+       }},
+      {{"POST", "/api/screen-stream/enable"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
+         if (!app.screenStream()) return std::optional(noStream());
+         app.screenStream()->setEnabled(args.required<bool>("on"));
+         return done;
+       }},
+      {{"POST", "/api/screen-stream/refresh-displays"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
+         if (!app.screenStream()) return std::optional(noStream());
+         app.screenStream()->refreshDisplays();
+         return done;
+       }},
+      {{"POST", "/api/screen-stream/settings"},
+       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
+         if (!app.screenStream()) return std::optional(noStream());
+         applyStreamSettings(*app.screenStream(), args);
+         return done;
+       }},
+  };
   auto app = app_.lock();
   const json::Value body = request.body.empty() ? json::Value::object() : json::parse(request.body);
   const json::ObjectReader args(body, json::CodingPath{});
-  if (path == "/api/pairing/new-code") {
-    app->newPairingCode();
-  } else if (path == "/api/devices/remove") {
-    if (!app->removeDevice(args.required<Uuid>("id"))) {
-      return HTTPResponse::error(HTTPStatus::notFound, "not_found",
-                                 "No paired device has that id.");
-    }
-  } else if (path == "/api/server/start") {
-    app->startServer();
-  } else if (path == "/api/server/stop") {
-    app->stopServer();
-  } else if (path == "/api/settings") {
-    applySettings(*app, args);
-  } else if (path == "/api/setup/action") {
-    return performSetupAction(*app, args);
-  } else if (path == "/api/guide") {
-    app->setGuidePresented(args.required<bool>("presented"));
-  } else if (path == "/api/panel/open" && openPanel_) {
-    openPanel_();
-  } else if (path == "/api/conversations") {
-    app->setShowConversations(args.required<bool>("show"));
-  } else if (path == "/api/runtime/refresh") {
-    asio::co_spawn(
-        mainExecutor_, [app]() -> asio::awaitable<void> { co_await app->refreshRuntimeStatus(); },
-        asio::detached);
-  } else if (path == "/api/runtime/start-ollama") {
-    app->startOllama();
-  } else if (path == "/api/runtime/download-ollama") {
-    app->openOllamaDownload();
-  } else if (path == "/api/runtime/pull") {
-    app->pullModel(args.optional<std::string>("model").value_or(app->properties().activeModel));
-  } else if (path == "/api/runtime/pause") {
-    app->cancelPull();
-  } else if (path == "/api/runtime/warm") {
-    app->warmActiveModel(true);
-  } else if (path.starts_with("/api/screen-stream/")) {
-    const auto& stream = app->screenStream();
-    if (!stream) {
-      return HTTPResponse::error(HTTPStatus::notFound, "not_found",
-                                 "Screen streaming is not available in this run.");
-    }
-    if (path == "/api/screen-stream/enable") {
-      stream->setEnabled(args.required<bool>("on"));
-    } else if (path == "/api/screen-stream/refresh-displays") {
-      stream->refreshDisplays();
-    } else if (path == "/api/screen-stream/settings") {
-      screen::StreamSettings next = stream->settings();
-      if (auto id = args.optional<std::uint32_t>("selectedDisplayID")) next.selectedDisplayID = *id;
-      if (auto height = args.optional<std::int64_t>("resolutionHeight")) {
-        next.resolutionPreset = screen::resolutionPresetForHeight(*height);
-      }
-      if (auto preset = args.optional<std::int64_t>("virtualDisplayPreset")) {
-        next.virtualDisplayPreset = screen::virtualPresetForSettingsValue(*preset);
-      }
-      if (auto replaces = args.optional<bool>("virtualDisplayReplacesDesktop")) {
-        next.virtualDisplayReplacesDesktop = *replaces;
-      }
-      if (auto fps = args.optional<int>("framesPerSecond")) next.framesPerSecond = *fps;
-      if (auto port = args.optional<std::uint16_t>("streamPort")) next.streamPort = *port;
-      stream->applySettings(next);
-    } else {
-      return HTTPResponse::error(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
-    }
-  } else {
+  const Operation* operation = operations.find(request.method, path);
+  if (!operation) {
+    if (path.starts_with("/api/screen-stream/") && !app->screenStream()) return noStream();
     return HTTPResponse::error(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
   }
+  if (auto reply = (*operation)(*this, *app, args)) return std::move(*reply);
   return jsonReply(HTTPStatus::ok, snapshot(*app));
 }
 
@@ -478,7 +558,7 @@ Ordered ControlAPI::snapshot(const AppState& app) {
       {"runtime",
        {{"available", p.isOllamaAvailable},
         {"error", optionalText(p.ollamaError)},
-        {"installState", installStateName(app.ollamaInstallState())},
+        {"installState", installStateName(app.runtimeSupervisor().installState())},
         {"models", models},
         {"activeModel", p.activeModel},
         {"activeModelInstalled", app.isActiveModelInstalled()},

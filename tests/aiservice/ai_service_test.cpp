@@ -7,55 +7,6 @@
 namespace orin::test {
 namespace {
 
-TEST_F(AIServiceTest, EveryRouteAnswersInItsOwnForm) {
-  const std::string token = pair("route-device");
-  const std::string unauthorized =
-      R"({"error":{"code":"unauthorized","message":"Pair this device with Orin Link before calling this endpoint."}})";
-  struct Case {
-    std::string method;
-    std::string target;
-    bool withToken;
-    std::string body;
-    int status;
-    std::string expectedBody;  // exact when set
-    std::string expectedText;  // contained otherwise
-  };
-  const Case cases[] = {
-      {"GET", "/health", false, "", 200,
-       R"({"status":"ok","app":"Orin Link","version":"0.1.0","runtime":"ollama","activeModel":"plain:1b"})",
-       ""},
-      {"GET", "/status", false, "", 401, unauthorized, ""},
-      {"GET", "/nowhere", false, "", 401, unauthorized, ""},
-      {"GET", "/nowhere?x=1", true, "", 404,
-       R"({"error":{"code":"not_found","message":"No Orin Link endpoint exists at \/nowhere?x=1."}})",
-       ""},
-      {"GET", "/v1/generate", true, "", 404, "", "No Orin Link endpoint exists at"},
-      {"GET", "/status?refresh=1", true, "", 200, "",
-       R"("localNetworkEnabled":true,"reliabilityModeEnabled":false,"edition":"website","capabilities":["textAI","displayMirroring","portal","virtualUltrawide"]})"},
-      {"GET", "/models", true, "", 200, "", R"("plain:1b","lines:1b","tool:1b")"},
-      {"POST", "/v1/pair", false, R"({"pairingCode":"000 000","deviceId":"d","displayName":"x"})",
-       500, "", R"("error":{"code":"request_failed","message":"The pairing code did not match."})"},
-      {"POST", "/v1/generate", true,
-       R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","prompt":"hi","requestedAt":"2026-01-01T00:00:00Z"})",
-       500, "",
-       R"("status":"failed","lane":"chat","assistantMessage":"","error":{"code":"request_failed")"},
-      {"POST", "/v1/generate", true, generateBody("tool:1b"), 200, "",
-       R"("status":"success","lane":"toolProposal","assistantMessage":"Sure.","proposedToolCall":)"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.method + " " + c.target);
-    const auto reply =
-        call(c.method, c.target, c.withToken ? std::optional(token) : std::nullopt, c.body);
-    EXPECT_EQ(reply.status, c.status);
-    if (!c.expectedBody.empty()) {
-      EXPECT_EQ(reply.body, c.expectedBody);
-    }
-    if (!c.expectedText.empty()) {
-      EXPECT_NE(reply.body.find(c.expectedText), std::string::npos) << reply.body;
-    }
-  }
-}
-
 TEST_F(AIServiceTest, WrongCodesLockPairingUntilTheClockMovesOn) {
   const std::string code = onMain([&] { return app_->registry().pairingCode(); });
   const std::string wrong = code == "111 111" ? "222 222" : "111 111";
@@ -83,52 +34,6 @@ TEST_F(AIServiceTest, WrongCodesLockPairingUntilTheClockMovesOn) {
     EXPECT_NE(std::string(error.what()).find("The pairing code expired."), std::string::npos);
   }
   EXPECT_NE(onMain([&] { return app_->registry().pairingCode(); }), next);
-}
-
-// The device asked nothing about thinking, so the first attempt says "think": false; the model
-// refuses any "think" key, and exactly one retry goes out without it.
-TEST_F(AIServiceTest, AModelThatRefusesThinkingIsAskedOnceMoreWithoutIt) {
-  const std::string token = pair("think-device");
-  for (const bool streamed : {false, true}) {
-    SCOPED_TRACE(streamed ? "streamed" : "whole");
-    testing_support::httpExchange(standIn_->port(), "POST", "/standin/reset");
-    std::string text;
-    if (streamed) {
-      device(token).generateStream(
-          device::makeGenerateRequest("hi", "refuser:1b", std::nullopt, std::nullopt),
-          [&](std::string_view piece) { text += piece; });
-    } else {
-      text =
-          device(token)
-              .generate(device::makeGenerateRequest("hi", "refuser:1b", std::nullopt, std::nullopt))
-              .value.assistantMessage;
-    }
-    EXPECT_EQ(text, "No thoughts.");
-    // Generations of this model only: a warm-up (empty prompt) may arrive at any moment.
-    Json requests = Json::array();
-    const Json stats = standIn_->stats();
-    for (const Json& request : stats["requests"]) {
-      if (request.value("model", "") == "refuser:1b" && request.value("prompt", "") != "") {
-        requests.push_back(request);
-      }
-    }
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0]["think"], false);
-    EXPECT_FALSE(requests[1].contains("think"));
-  }
-}
-
-TEST_F(AIServiceTest, StreamedTokensKeepTheirLineBreaksAsEscapes) {
-  const std::string token = pair("lines-device");
-  const auto raw = call("POST", "/v1/generate/stream", token, generateBody("lines:1b"));
-  EXPECT_NE(raw.body.find("data: one\\ntwo\n\ndata:  three\\n\n\nevent: done\ndata: {}\n\n"),
-            std::string::npos)
-      << raw.body;
-  std::string text;
-  device(token).generateStream(
-      device::makeGenerateRequest("hi", "lines:1b", std::nullopt, std::nullopt),
-      [&](std::string_view piece) { text += piece; });
-  EXPECT_EQ(text, "one\ntwo three\n");
 }
 
 // Half-closing after the request, as `nc -N` does, is not leaving: every route still answers.
@@ -217,30 +122,6 @@ TEST_F(AIServiceTest, StreamsEndCleanlyWhenTheirConnectionOrDaemonGoes) {
       EXPECT_EQ(call("GET", "/status", token).status, 0);
     }
   }
-}
-
-TEST_F(AIServiceTest, ConversationsAreLoggedOnlyWhileShown) {
-  const std::string token = pair("log-device", "Vantaro");
-  onMain([&] { app_->setShowConversations(true); });
-  device(token).generate(
-      device::makeGenerateRequest("<start_of_turn>user\nWhat time is it?<end_of_turn>", "plain:1b",
-                                  std::nullopt, std::nullopt));
-  const auto log = onMain([&] { return app_->properties().conversationLog; });
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].deviceName, "Vantaro");
-  EXPECT_EQ(log[0].prompt, "What time is it?");
-  EXPECT_EQ(log[0].response, "Hello there, friend.");
-  EXPECT_TRUE(log[0].isComplete);
-  onMain([&] { app_->setShowConversations(false); });
-  EXPECT_TRUE(onMain([&] { return app_->properties().conversationLog.empty(); }));
-  EXPECT_EQ(onMain([&] { return app_->properties().repliesToday; }), 1);
-
-  // The pairing chimed, and the generation showed on the badge while it ran.
-  const auto desktop = onMain([&] { return *desktop_; });
-  EXPECT_EQ(desktop.soundsPlayed, 1);
-  ASSERT_GE(desktop.badges.size(), 2u);
-  EXPECT_EQ(desktop.badges[desktop.badges.size() - 2], std::optional<std::string>("1"));
-  EXPECT_EQ(desktop.badges.back(), std::nullopt);
 }
 
 TEST_F(AIServiceTest, LaunchAppliesTheAvailabilityOptionsAndOpensThePanel) {
