@@ -302,118 +302,86 @@ HTTPResponse ControlAPI::performSetupAction(AppState& app, const json::ObjectRea
   return jsonReply(HTTPStatus::ok, snapshot(app));
 }
 
+namespace {
+
+HTTPResponse noStream() {
+  return HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                             "Screen streaming is not available in this run.");
+}
+
+}  // namespace
+
+// An operation that leaves `reply` empty is answered with the state after the change.
+struct ControlAPI::Call {
+  ControlAPI& api;
+  AppState& app;
+  const json::ObjectReader& args;
+  std::optional<HTTPResponse> reply;
+  screen::ScreenStreamService* stream() {
+    if (!app.screenStream()) reply = noStream();
+    return app.screenStream().get();
+  }
+};
+
 HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPRequest& request) {
-  // Nothing means done: the reply is the state after the change.
-  using Operation =
-      std::optional<HTTPResponse> (*)(ControlAPI&, AppState&, const json::ObjectReader&);
-  static const auto done = std::optional<HTTPResponse>();
-  static const auto noStream = [] {
-    return HTTPResponse::error(HTTPStatus::notFound, "not_found",
-                               "Screen streaming is not available in this run.");
-  };
+  using Operation = void (*)(Call&);
   static const RouteTable<Operation> operations{
-      {{"POST", "/api/pairing/new-code"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
-         app.newPairingCode();
-         return done;
-       }},
+      {{"POST", "/api/pairing/new-code"}, [](Call& c) { c.app.newPairingCode(); }},
       {{"POST", "/api/devices/remove"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
-         if (app.removeDevice(args.required<Uuid>("id"))) return done;
-         return std::optional(HTTPResponse::error(HTTPStatus::notFound, "not_found",
-                                                  "No paired device has that id."));
-       }},
-      {{"POST", "/api/server/start"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
-         app.startServer();
-         return done;
-       }},
-      {{"POST", "/api/server/stop"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
-         app.stopServer();
-         return done;
-       }},
-      {{"POST", "/api/settings"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
-         applySettings(app, args);
-         return done;
-       }},
-      {{"POST", "/api/setup/action"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
-         return std::optional(performSetupAction(app, args));
-       }},
-      {{"POST", "/api/guide"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
-         app.setGuidePresented(args.required<bool>("presented"));
-         return done;
-       }},
-      {{"POST", "/api/panel/open"},
-       [](ControlAPI& api, AppState&, const json::ObjectReader&) {
-         if (!api.openPanel_) {
-           return std::optional(HTTPResponse::error(HTTPStatus::notFound, "not_found",
-                                                    "Nothing is at /api/panel/open."));
+       [](Call& c) {
+         if (!c.app.removeDevice(c.args.required<Uuid>("id"))) {
+           c.reply = HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                         "No paired device has that id.");
          }
-         api.openPanel_();
-         return done;
+       }},
+      {{"POST", "/api/server/start"}, [](Call& c) { c.app.startServer(); }},
+      {{"POST", "/api/server/stop"}, [](Call& c) { c.app.stopServer(); }},
+      {{"POST", "/api/settings"}, [](Call& c) { applySettings(c.app, c.args); }},
+      {{"POST", "/api/setup/action"}, [](Call& c) { c.reply = performSetupAction(c.app, c.args); }},
+      {{"POST", "/api/guide"},
+       [](Call& c) { c.app.setGuidePresented(c.args.required<bool>("presented")); }},
+      {{"POST", "/api/panel/open"},
+       [](Call& c) {
+         if (c.api.openPanel_) {
+           c.api.openPanel_();
+         } else {
+           c.reply = HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                         "Nothing is at /api/panel/open.");
+         }
        }},
       {{"POST", "/api/conversations"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
-         app.setShowConversations(args.required<bool>("show"));
-         return done;
-       }},
+       [](Call& c) { c.app.setShowConversations(c.args.required<bool>("show")); }},
       {{"POST", "/api/runtime/refresh"},
-       [](ControlAPI& api, AppState& app, const json::ObjectReader&) {
+       [](Call& c) {
          asio::co_spawn(
-             api.mainExecutor_,
-             [app = app.shared_from_this()]() -> asio::awaitable<void> {
+             c.api.mainExecutor_,
+             [app = c.app.shared_from_this()]() -> asio::awaitable<void> {
                co_await app->runtimeSupervisor().refresh();
              },
              asio::detached);
-         return done;
        }},
       {{"POST", "/api/runtime/start-ollama"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
-         app.runtimeSupervisor().startOllama();
-         return done;
-       }},
+       [](Call& c) { c.app.runtimeSupervisor().startOllama(); }},
       {{"POST", "/api/runtime/download-ollama"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
-         app.runtimeSupervisor().openDownloadPage();
-         return done;
-       }},
+       [](Call& c) { c.app.runtimeSupervisor().openDownloadPage(); }},
       {{"POST", "/api/runtime/pull"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
-         app.runtimeSupervisor().pull(
-             args.optional<std::string>("model").value_or(app.properties().activeModel));
-         return done;
+       [](Call& c) {
+         c.app.runtimeSupervisor().pull(
+             c.args.optional<std::string>("model").value_or(c.app.properties().activeModel));
        }},
-      {{"POST", "/api/runtime/pause"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
-         app.runtimeSupervisor().cancelPull();
-         return done;
-       }},
-      {{"POST", "/api/runtime/warm"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
-         app.runtimeSupervisor().warm(true);
-         return done;
-       }},
+      {{"POST", "/api/runtime/pause"}, [](Call& c) { c.app.runtimeSupervisor().cancelPull(); }},
+      {{"POST", "/api/runtime/warm"}, [](Call& c) { c.app.runtimeSupervisor().warm(true); }},
       {{"POST", "/api/screen-stream/enable"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
-         if (!app.screenStream()) return std::optional(noStream());
-         app.screenStream()->setEnabled(args.required<bool>("on"));
-         return done;
+       [](Call& c) {
+         if (auto* stream = c.stream()) stream->setEnabled(c.args.required<bool>("on"));
        }},
       {{"POST", "/api/screen-stream/refresh-displays"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader&) {
-         if (!app.screenStream()) return std::optional(noStream());
-         app.screenStream()->refreshDisplays();
-         return done;
+       [](Call& c) {
+         if (auto* stream = c.stream()) stream->refreshDisplays();
        }},
       {{"POST", "/api/screen-stream/settings"},
-       [](ControlAPI&, AppState& app, const json::ObjectReader& args) {
-         if (!app.screenStream()) return std::optional(noStream());
-         applyStreamSettings(*app.screenStream(), args);
-         return done;
+       [](Call& c) {
+         if (auto* stream = c.stream()) applyStreamSettings(*stream, c.args);
        }},
   };
   auto app = app_.lock();
@@ -424,7 +392,9 @@ HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPReq
     if (path.starts_with("/api/screen-stream/") && !app->screenStream()) return noStream();
     return HTTPResponse::error(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
   }
-  if (auto reply = (*operation)(*this, *app, args)) return std::move(*reply);
+  Call call{*this, *app, args, std::nullopt};
+  (*operation)(call);
+  if (call.reply) return std::move(*call.reply);
   return jsonReply(HTTPStatus::ok, snapshot(*app));
 }
 

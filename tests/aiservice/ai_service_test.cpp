@@ -7,35 +7,6 @@
 namespace orin::test {
 namespace {
 
-TEST_F(AIServiceTest, WrongCodesLockPairingUntilTheClockMovesOn) {
-  const std::string code = onMain([&] { return app_->registry().pairingCode(); });
-  const std::string wrong = code == "111 111" ? "222 222" : "111 111";
-  std::vector<std::string> messages;
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    try {
-      device().pair({wrong, "d", "Phone"});
-    } catch (const DeviceError& error) {
-      messages.push_back(error.what());
-    }
-  }
-  ASSERT_EQ(messages.size(), 5u);
-  EXPECT_NE(messages[3].find("The pairing code did not match."), std::string::npos);
-  EXPECT_NE(messages[4].find("Too many incorrect codes."), std::string::npos);
-  EXPECT_THROW(device().pair({code, "d", "Phone"}), DeviceError);
-  now_ = now_ + 61;
-  EXPECT_EQ(device().pair({code, "d", "Phone"}).value.deviceId, "d");
-
-  const std::string next = onMain([&] { return app_->registry().pairingCode(); });
-  now_ = now_ + 600;
-  try {
-    device().pair({next, "e", "Tablet"});
-    ADD_FAILURE() << "an expired code paired";
-  } catch (const DeviceError& error) {
-    EXPECT_NE(std::string(error.what()).find("The pairing code expired."), std::string::npos);
-  }
-  EXPECT_NE(onMain([&] { return app_->registry().pairingCode(); }), next);
-}
-
 // Half-closing after the request, as `nc -N` does, is not leaving: every route still answers.
 TEST_F(AIServiceTest, HalfClosedClientsStillGetTheirReplies) {
   const std::string token = pair("half-close-device");

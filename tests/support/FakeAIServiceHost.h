@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "OrinLink/aiservice/AIServiceHost.h"
 #include "OrinLink/pairing/DeviceRegistry.h"
@@ -9,26 +8,22 @@
 namespace orin::test {
 
 // The application as the AI service sees it, with one paired device ("Phone", token "paired")
-// and the code "123 456"; every piece of bookkeeping is written down, in order, in `journal`.
+// and the code "123 456"; the bookkeeping is written down in order in `journal`.
 struct FakeAIServiceHost : AIServiceHost {
   std::string daemonURL = "http://127.0.0.1:9";
-  StatusFacts facts{true, 1, true, "plain:1b", 38141, false};
-  bool logConversations = true;
-  Date clock = Date::now();
   std::chrono::steady_clock::duration warmRefusal{};
   int warmUps = 0;
-  std::vector<std::string> journal;
+  std::string journal;
   std::string conversation;
 
   std::optional<std::string> authenticate(const std::optional<std::string>& token) override {
-    if (token != "paired") return std::nullopt;
-    return "Phone";
+    return token == "paired" ? std::optional<std::string>("Phone") : std::nullopt;
   }
   std::string pair(const PairRequest& request) override {
     if (request.pairingCode != "123 456") throw PairingError(PairingError::Kind::invalidCode);
     return "new-token";
   }
-  StatusFacts statusFacts() const override { return facts; }
+  StatusFacts statusFacts() const override { return {true, 1, true, "plain:1b", 38141, false}; }
   OllamaRuntime runtimeOn(const boost::asio::any_io_executor& executor) const override {
     return OllamaRuntime(*OllamaEndpoint::parse(daemonURL), executor);
   }
@@ -36,29 +31,26 @@ struct FakeAIServiceHost : AIServiceHost {
     ++warmUps;
     return warmRefusal;
   }
-  Date now() const override { return clock; }
+  Date now() const override { return Date{0}; }
   void noteRequestedModel(const std::optional<std::string>& model) override {
-    journal.push_back("requested " + model.value_or("-"));
+    note("requested " + model.value_or("-"));
   }
-  void noteGenerationStarted(const std::string& deviceName) override {
-    journal.push_back("started " + deviceName);
-  }
-  void noteTokenRate(double tokensPerSecond) override {
-    journal.push_back("rate " + std::to_string(static_cast<int>(tokensPerSecond)));
-  }
+  void noteGenerationStarted(const std::string& device) override { note("started " + device); }
+  void noteTokenRate(double rate) override { note("rate " + std::to_string(rate)); }
   void endGeneration(std::int64_t tokens, Date) override {
-    journal.push_back("ended " + std::to_string(tokens));
+    note("ended " + std::to_string(tokens));
   }
   std::optional<Uuid> beginConversationEntry(const std::string& prompt,
-                                             const std::string& deviceName) override {
-    if (!logConversations) return std::nullopt;
-    journal.push_back("entry " + deviceName + ": " + prompt);
+                                             const std::string& device) override {
+    note("entry " + device + ": " + prompt);
     return Uuid::random();
   }
   void appendConversationToken(const std::string& text, const Uuid&) override {
     conversation += text;
   }
-  void completeConversationEntry(const Uuid&) override { journal.push_back("complete"); }
+  void completeConversationEntry(const Uuid&) override { note("complete"); }
+
+  void note(const std::string& what) { journal += (journal.empty() ? "" : "; ") + what; }
 };
 
 }  // namespace orin::test
