@@ -33,9 +33,8 @@ class AIService : public std::enable_shared_from_this<AIService> {
   // Called whenever the active model changes.
   void publishHealth(const std::string& activeModel);
 
-  struct HealthBoard;
-
  private:
+  struct HealthBoard;
   AIService(AIServiceHost& host, boost::asio::any_io_executor mainExecutor,
             boost::asio::any_io_executor relayExecutor);
 
