@@ -4,11 +4,9 @@
 #include <cmath>
 #include <ctime>
 
-#include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
 #include "OrinLink/common/AtomicFile.h"
@@ -16,63 +14,12 @@
 #include "OrinLink/core/Diagnostics.h"
 #include "OrinLink/server/EndpointDiscovery.h"
 #include "OrinLinkShared/Text.h"
-#include "OrinLinkShared/ToolCallParser.h"
 
 namespace orin {
 
 namespace asio = boost::asio;
 
 namespace {
-
-constexpr std::string_view unauthorizedMessage =
-    "Pair this device with Orin Link before calling this endpoint.";
-
-// How often a streamed reply's tokens reach the conversation log and the statistics at most:
-// often enough that the panel shows the reply growing smoothly.
-constexpr auto bookkeepingInterval = std::chrono::milliseconds(50);
-
-const std::vector<std::filesystem::path>& ollamaBinaryPaths() {
-  static const std::vector<std::filesystem::path> paths{
-      "/usr/local/bin/ollama", "/opt/homebrew/bin/ollama", "/usr/bin/ollama"};
-  return paths;
-}
-
-const std::vector<std::filesystem::path>& ollamaSystemUnits() {
-  static const std::vector<std::filesystem::path> paths{"/etc/systemd/system/ollama.service",
-                                                        "/usr/lib/systemd/system/ollama.service",
-                                                        "/lib/systemd/system/ollama.service"};
-  return paths;
-}
-
-// Where systemd finds a user's units: the user's own folder first.
-std::vector<std::filesystem::path> userUnitFolders() {
-  std::vector<std::filesystem::path> folders;
-  const char* config = std::getenv("XDG_CONFIG_HOME");
-  const char* home = std::getenv("HOME");
-  if (config != nullptr && *config != '\0') {
-    folders.emplace_back(std::filesystem::path(config) / "systemd/user");
-  } else if (home != nullptr && *home != '\0') {
-    folders.emplace_back(std::filesystem::path(home) / ".config/systemd/user");
-  }
-  folders.emplace_back("/etc/systemd/user");
-  folders.emplace_back("/usr/lib/systemd/user");
-  return folders;
-}
-
-// What the user is told when systemd would not start the service, with what to run instead.
-std::string serviceRefusal(const std::optional<SystemActions::Outcome>& outcome,
-                           const std::string& retry) {
-  std::string reason = "systemctl could not run";
-  if (outcome) {
-    reason = outcome->output.substr(0, outcome->output.find('\n'));
-    if (reason.empty())
-      reason = "systemctl ended with status " + std::to_string(outcome->exitStatus);
-    while (!reason.empty() && (reason.back() == '.' || reason.back() == ' '))
-      reason.pop_back();
-  }
-  return "Could not start Ollama's service: " + reason + ". Start it in a terminal with \"" +
-         retry + "\".";
-}
 
 std::string localDay(Date date) {
   const auto seconds = static_cast<std::time_t>(std::floor(date.unixSeconds()));
@@ -81,31 +28,6 @@ std::string localDay(Date date) {
   char text[16];
   std::strftime(text, sizeof text, "%Y-%m-%d", &parts);
   return text;
-}
-
-// The one error form a device sees when a handler fails.
-HTTPResponse handlerFailure(const std::exception_ptr& error) {
-  OrinLinkResponse response{Uuid::random(),
-                            std::nullopt,
-                            OrinLinkStatus::failed,
-                            OrinLane::chat,
-                            "",
-                            std::nullopt,
-                            std::nullopt,
-                            OrinLinkError{"request_failed", describe(error)}};
-  return HTTPResponse::json(response, HTTPStatus::internalServerError,
-                            std::string(reasonPhrase(HTTPStatus::internalServerError)));
-}
-
-std::int64_t characterCount(std::string_view text) {
-  std::int64_t count = 0;
-  for (const char c : text)
-    count += (static_cast<unsigned char>(c) & 0xC0) != 0x80 ? 1 : 0;
-  return count;
-}
-
-bool wasCancelled(asio::cancellation_state state) {
-  return state.cancelled() != asio::cancellation_type::none;
 }
 
 }  // namespace
@@ -193,7 +115,9 @@ AppState::AppState(Environment environment)
   const double bytes = static_cast<double>(env_.system->physicalMemoryBytes());
   physicalMemoryGB_ = static_cast<std::uint64_t>(std::llround(bytes / 1073741824.0));
   readSettings();
-  publishHealth();
+  aiService_ = AIService::make(*this, env_.mainExecutor, env_.httpExecutor);
+  runtime_ = RuntimeSupervisor::make(
+      *this, {env_.mainExecutor, env_.backgroundExecutor, env_.system, env_.installWatchInterval});
 }
 
 AppState::~AppState() {
@@ -245,7 +169,7 @@ void AppState::unobserve(std::uint64_t subscription) {
 }
 
 void AppState::changed(std::string_view property) {
-  if (property == "activeModel") publishHealth();
+  if (property == "activeModel") aiService_->publishHealth(p_.activeModel);
   // A copy, because an observer may subscribe or leave while being told.
   const auto observers = observers_;
   for (const auto& [id, observer] : observers)
@@ -265,7 +189,7 @@ void AppState::launch() {
   asio::co_spawn(
       env_.mainExecutor,
       [self = shared_from_this()]() -> asio::awaitable<void> {
-        co_await self->refreshRuntimeStatus();
+        co_await self->runtime_->refresh();
       },
       asio::detached);
   if (p_.openPanelAtLaunch) openSettingsWindow();
@@ -274,8 +198,7 @@ void AppState::launch() {
 void AppState::shutdown() {
   if (screenStream_) screenStream_->shutdown();
   if (setupTimer_) setupTimer_->cancel();
-  if (pullCancel_) pullCancel_->emit(asio::cancellation_type::terminal);
-  if (watchCancel_) watchCancel_->emit(asio::cancellation_type::terminal);
+  runtime_->shutdown();
   if (server_) server_->stop();
   server_.reset();
 }
@@ -318,26 +241,11 @@ void AppState::startServer() {
             [](std::weak_ptr<AppState> owner, HTTPRequest r) -> asio::awaitable<HTTPHandlerResult> {
               auto self = owner.lock();
               if (!self) throw Error("Orin Link is shutting down.");
-              auto routing = self->route(std::move(r));
+              auto routing = self->aiService_->route(std::move(r));
               co_return co_await std::move(routing);
             }(weak, std::move(request));
       });
-  server->setImmediateHandler([weak = weak_from_this(), board = health_, main = env_.mainExecutor](
-                                  const HTTPRequest& request) -> std::optional<std::string> {
-    if (request.method != "GET" || request.path.substr(0, request.path.find('?')) != "/health")
-      return std::nullopt;
-    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-    if (now >= board->noWarmBefore.load(std::memory_order_relaxed) &&
-        !board->warmPending.exchange(true)) {
-      asio::post(main, [weak] {
-        if (auto self = weak.lock()) {
-          self->health_->warmPending = false;
-          self->warmActiveModel(false);
-        }
-      });
-    }
-    return *board->reply.load();
-  });
+  server->setImmediateHandler(aiService_->immediateHandler());
   const LocalHTTPServer* current = server.get();
   server->setStateChanged([weak = weak_from_this(), current](bool running, std::uint16_t port,
                                                              std::optional<std::string> error) {
@@ -378,7 +286,7 @@ void AppState::saveSettings() {
   settings_.set("activeModel", p_.activeModel);
   // The window edits the properties in place, so /health, answered off the main loop, learns of
   // a new model here.
-  publishHealth();
+  aiService_->publishHealth(p_.activeModel);
   settings_.set("ollamaBaseURL", p_.baseURLText);
   settings_.set("reliabilityModeEnabled", p_.reliabilityModeEnabled);
   settings_.set("startAtLoginEnabled", p_.startAtLoginEnabled);
@@ -387,7 +295,7 @@ void AppState::saveSettings() {
   applyAvailabilitySettings();
   refreshEndpointCandidates();
   set(&Properties::lastEvent, std::string("Settings saved."), "lastEvent");
-  warmActiveModel(true);
+  runtime_->warm(true);
 }
 
 void AppState::applyAvailabilitySettings() {
@@ -517,7 +425,7 @@ StateSnapshot AppState::stateSnapshot() const {
   s.serverPort = p_.serverPort;
   s.serverError = p_.serverError;
   s.isOllamaAvailable = p_.isOllamaAvailable;
-  s.installState = ollamaInstallState();
+  s.installState = runtime_->installState();
   s.ollamaError = p_.ollamaError;
   s.activeModel = p_.activeModel;
   s.isActiveModelInstalled = isActiveModelInstalled();
@@ -577,13 +485,13 @@ std::optional<SetupIssue::Kind> AppState::performSetupAction() {
       startServer();
       break;
     case SetupIssue::Kind::ollamaNotRunning:
-      startOllama();
+      runtime_->startOllama();
       break;
     case SetupIssue::Kind::ollamaNotInstalled:
-      openOllamaDownload();
+      runtime_->openDownloadPage();
       break;
     case SetupIssue::Kind::modelMissing:
-      pullModel(p_.activeModel);
+      runtime_->pull(p_.activeModel);
       break;
     case SetupIssue::Kind::noDevicePaired:
       newPairingCode();
@@ -618,18 +526,17 @@ void AppState::refreshEndpointCandidates() {
 // --- Runtime supervision -----------------------------------------------------------------------
 
 OllamaRuntime AppState::runtime() const {
-  return OllamaRuntime(
-      OllamaEndpoint::parse(p_.baseURLText).value_or(OllamaEndpoint::defaultEndpoint()),
-      env_.mainExecutor, env_.ollamaTimeouts);
+  return runtimeOn(env_.mainExecutor);
 }
 
-OllamaInstallState AppState::ollamaInstallState() const {
-  if (p_.isOllamaAvailable) return OllamaInstallState::running;
-  for (const auto& path : ollamaBinaryPaths()) {
-    if (env_.system->fileExists(path)) return OllamaInstallState::installed;
-  }
-  if (env_.system->findOnPath("ollama")) return OllamaInstallState::installed;
-  return OllamaInstallState::notInstalled;
+OllamaRuntime AppState::runtimeOn(const asio::any_io_executor& executor) const {
+  return OllamaRuntime(
+      OllamaEndpoint::parse(p_.baseURLText).value_or(OllamaEndpoint::defaultEndpoint()), executor,
+      env_.ollamaTimeouts);
+}
+
+std::chrono::steady_clock::duration AppState::requestWarmUp() {
+  return runtime_->warm(false);
 }
 
 bool AppState::isActiveModelInstalled() const {
@@ -639,186 +546,6 @@ bool AppState::isActiveModelInstalled() const {
 
 std::string AppState::recommendedModel() const {
   return defaultModelForMemory(physicalMemoryGB_);
-}
-
-asio::awaitable<void> AppState::refreshRuntimeStatus() {
-  auto self = shared_from_this();
-  OllamaRuntime client = runtime();
-  std::vector<OllamaModel> models;
-  std::exception_ptr failure;
-  try {
-    models = co_await client.listModels();
-  } catch (...) {
-    failure = std::current_exception();
-  }
-  if (failure) {
-    set(&Properties::isOllamaAvailable, false, "isOllamaAvailable");
-    set(&Properties::modelResidentSince, std::nullopt, "modelResidentSince");
-    set(&Properties::models, std::vector<OllamaModel>{}, "models");
-    set(&Properties::ollamaError, describe(failure), "ollamaError");
-    set(&Properties::lastEvent, std::string("Ollama is not reachable."), "lastEvent");
-    co_return;
-  }
-  set(&Properties::models, std::move(models), "models");
-  if (!p_.isOllamaAvailable) warmActiveModel(false);
-  set(&Properties::isOllamaAvailable, true, "isOllamaAvailable");
-  set(&Properties::ollamaError, std::nullopt, "ollamaError");
-  set(&Properties::lastEvent,
-      isActiveModelInstalled() ? "Ollama is ready with " + p_.activeModel + "."
-                               : "Ollama is reachable, but " + p_.activeModel + " was not found.",
-      "lastEvent");
-}
-
-void AppState::watchForOllama() {
-  if (watchCancel_) watchCancel_->emit(asio::cancellation_type::terminal);
-  watchCancel_ = std::make_shared<asio::cancellation_signal>();
-  asio::co_spawn(
-      env_.mainExecutor,
-      // The coroutine holds its signal: its slot must not outlive it when a new watch replaces it.
-      [weak = weak_from_this(), interval = env_.installWatchInterval,
-       signal = watchCancel_]() -> asio::awaitable<void> {
-        asio::steady_timer timer(co_await asio::this_coro::executor);
-        for (int attempt = 0; attempt < installWatchAttempts; ++attempt) {
-          timer.expires_after(interval);
-          co_await timer.async_wait(asio::use_awaitable);
-          auto self = weak.lock();
-          if (!self) co_return;
-          co_await self->refreshRuntimeStatus();
-          if (self->p_.isOllamaAvailable) co_return;
-        }
-      },
-      asio::bind_cancellation_slot(watchCancel_->slot(), asio::detached));
-}
-
-void AppState::startOllama() {
-  SystemActions& system = *env_.system;
-  const auto folders = userUnitFolders();
-  const bool userUnit = std::any_of(folders.begin(), folders.end(), [&system](const auto& folder) {
-    return system.fileExists(folder / "ollama.service");
-  });
-  const bool systemUnit =
-      std::any_of(ollamaSystemUnits().begin(), ollamaSystemUnits().end(),
-                  [&system](const auto& path) { return system.fileExists(path); });
-  set(&Properties::lastEvent, std::string("Starting Ollama\u2026"), "lastEvent");
-  if (userUnit || systemUnit) {
-    // systemctl answers once the unit started or was refused (polkit, a failing unit): a refusal
-    // is said at once instead of after the whole watch.
-    std::vector<std::string> command =
-        userUnit
-            ? std::vector<std::string>{"systemctl", "--user", "start", "ollama.service"}
-            : std::vector<std::string>{"systemctl", "start", "--no-ask-password", "ollama.service"};
-    const std::string retry =
-        userUnit ? "systemctl --user start ollama" : "sudo systemctl start ollama";
-    asio::post(env_.backgroundExecutor, [weak = weak_from_this(), system = env_.system,
-                                         main = env_.mainExecutor, command, retry] {
-      auto outcome = system->run(command);
-      asio::post(main, [weak, outcome = std::move(outcome), retry] {
-        auto self = weak.lock();
-        if (!self) return;
-        if (outcome && outcome->exitStatus == 0) {
-          self->watchForOllama();
-          return;
-        }
-        self->set(&Properties::ollamaError, serviceRefusal(outcome, retry), "ollamaError");
-        self->set(&Properties::lastEvent, std::string("Could not start Ollama."), "lastEvent");
-      });
-    });
-    return;
-  }
-  std::optional<std::filesystem::path> binary;
-  for (const auto& path : ollamaBinaryPaths()) {
-    if (system.fileExists(path)) {
-      binary = path;
-      break;
-    }
-  }
-  if (!binary) binary = system.findOnPath("ollama");
-  if (binary) system.launchDetached({binary->string(), "serve"});
-  watchForOllama();
-}
-
-void AppState::openOllamaDownload() {
-  env_.system->openURL(std::string(ollamaDownloadPage));
-  set(&Properties::lastEvent,
-      std::string("Opened the Ollama download page. Orin Link will notice once it's installed and "
-                  "running."),
-      "lastEvent");
-  watchForOllama();
-}
-
-void AppState::pullModel(const std::string& name) {
-  if (pullCancel_) pullCancel_->emit(asio::cancellation_type::terminal);
-  set(&Properties::pullError, std::nullopt, "pullError");
-  set(&Properties::pullPausedModel, std::nullopt, "pullPausedModel");
-  set(&Properties::pullProgress, PullProgress{"Starting download\u2026", std::nullopt, 0, 0},
-      "pullProgress");
-  pullCancel_ = std::make_shared<asio::cancellation_signal>();
-  asio::co_spawn(
-      env_.mainExecutor,
-      [weak = weak_from_this(), name, client = runtime(),
-       signal = pullCancel_]() mutable -> asio::awaitable<void> {
-        auto progress = client.pull(name);
-        std::exception_ptr failure;
-        try {
-          while (auto report = co_await progress.next(asio::use_awaitable)) {
-            if (wasCancelled(co_await asio::this_coro::cancellation_state)) co_return;
-            auto self = weak.lock();
-            if (!self) co_return;
-            self->set(&Properties::pullProgress, std::optional<PullProgress>(std::move(*report)),
-                      "pullProgress");
-          }
-        } catch (...) {
-          failure = std::current_exception();
-        }
-        if (wasCancelled(co_await asio::this_coro::cancellation_state)) co_return;
-        auto self = weak.lock();
-        if (!self) co_return;
-        self->set(&Properties::pullProgress, std::nullopt, "pullProgress");
-        if (failure) {
-          self->set(&Properties::pullError, describe(failure), "pullError");
-          co_return;
-        }
-        self->set(&Properties::lastEvent, "Downloaded " + name + ".", "lastEvent");
-        co_await self->refreshRuntimeStatus();
-      },
-      asio::bind_cancellation_slot(pullCancel_->slot(), asio::detached));
-}
-
-void AppState::cancelPull() {
-  if (pullCancel_) {
-    pullCancel_->emit(asio::cancellation_type::terminal);
-    pullCancel_.reset();
-  }
-  set(&Properties::pullProgress, std::nullopt, "pullProgress");
-  set(&Properties::lastEvent,
-      std::string("Download paused \u2014 Ollama keeps what it has, so it resumes where it left "
-                  "off."),
-      "lastEvent");
-}
-
-void AppState::warmActiveModel(bool force) {
-  const Date now = env_.clock();
-  const double sinceLast = lastModelWarmAt_ ? now.secondsSince(*lastModelWarmAt_) : 0;
-  if (!force && lastModelWarmAt_ && sinceLast < warmUpSpacingSeconds) {
-    const auto wait = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-        std::chrono::duration<double>(warmUpSpacingSeconds - sinceLast));
-    health_->noWarmBefore = (std::chrono::steady_clock::now() + wait).time_since_epoch().count();
-    return;
-  }
-  lastModelWarmAt_ = now;
-  const std::string model = p_.lastRequestedModel.value_or(p_.activeModel);
-  asio::co_spawn(
-      env_.mainExecutor,
-      [weak = weak_from_this(), client = runtime(), model]() mutable -> asio::awaitable<void> {
-        auto warming = client.warmModel(model);
-        const bool warmed = co_await std::move(warming);
-        auto self = weak.lock();
-        if (warmed && self && !self->p_.modelResidentSince) {
-          self->set(&Properties::modelResidentSince, std::optional<Date>(self->env_.clock()),
-                    "modelResidentSince");
-        }
-      },
-      asio::detached);
 }
 
 // --- Pairing -----------------------------------------------------------------------------------
@@ -840,12 +567,37 @@ bool AppState::removeDevice(const Uuid& id) {
   return registry_.removeDevice(id);
 }
 
+std::optional<std::string> AppState::authenticate(const std::optional<std::string>& token) {
+  if (!registry_.authenticate(token)) return std::nullopt;
+  return registry_.deviceName(token).value_or("Device");
+}
+
+std::string AppState::pair(const PairRequest& request) {
+  return registry_.pair(request.deviceId, request.displayName, request.pairingCode);
+}
+
+AIServiceHost::StatusFacts AppState::statusFacts() const {
+  return {p_.isServerRunning,   static_cast<std::int64_t>(registry_.devices().size()),
+          p_.isOllamaAvailable, p_.activeModel,
+          p_.serverPort,        p_.reliabilityModeEnabled};
+}
+
 // --- Statistics and the conversation log --------------------------------------------------------
 
 void AppState::noteRequestedModel(const std::optional<std::string>& model) {
   if (!model || model->empty() || model == p_.lastRequestedModel) return;
   p_.lastRequestedModel = model;
   settings_.set("lastRequestedModel", *model);
+}
+
+void AppState::noteGenerationStarted(const std::string& deviceName) {
+  set(&Properties::activeGenerations, p_.activeGenerations + 1, "activeGenerations");
+  set(&Properties::busyDeviceName, std::optional<std::string>(deviceName), "busyDeviceName");
+  updateDockBadge();
+}
+
+void AppState::noteTokenRate(double tokensPerSecond) {
+  set(&Properties::tokensPerSecond, std::optional<double>(tokensPerSecond), "tokensPerSecond");
 }
 
 void AppState::endGeneration(std::int64_t tokens, Date since) {
@@ -905,292 +657,6 @@ void AppState::completeConversationEntry(const Uuid& id) {
       changed("conversationLog");
       return;
     }
-  }
-}
-
-// --- Routing ------------------------------------------------------------------------------------
-
-asio::awaitable<HTTPHandlerResult> AppState::route(HTTPRequest request) {
-  auto self = shared_from_this();
-  // Awaited calls are made in statements of their own: GCC 12 destroys temporaries created
-  // inside a co_await expression twice.
-  auto routing = routeUnsafe(std::move(request));
-  co_return co_await std::move(routing);
-}
-
-asio::awaitable<HTTPHandlerResult> AppState::routeUnsafe(HTTPRequest request) {
-  const std::string path = request.path.substr(0, request.path.find('?'));
-  const std::string& method = request.method;
-
-  if (method == "GET" && path == "/health") {
-    warmActiveModel(false);
-    co_return HTTPHandlerResult::response(healthResponse());
-  }
-  if (method == "POST" && path == "/v1/pair") {
-    try {
-      co_return HTTPHandlerResult::response(handlePair(request));
-    } catch (...) {
-      co_return HTTPHandlerResult::response(handlerFailure(std::current_exception()));
-    }
-  }
-
-  if (!registry_.authenticate(request.bearerToken())) {
-    co_return HTTPHandlerResult::response(HTTPResponse::error(
-        HTTPStatus::unauthorized, "unauthorized", std::string(unauthorizedMessage)));
-  }
-
-  if (method == "GET" && path == "/status") {
-    co_return HTTPHandlerResult::response(
-        HTTPResponse::json(statusPayload(), HTTPStatus::ok, "OK"));
-  }
-  if (method == "GET" && path == "/models") {
-    std::exception_ptr failure;
-    std::vector<OllamaModel> models;
-    try {
-      OllamaRuntime client = runtime();
-      auto listing = client.listModels();
-      models = co_await std::move(listing);
-    } catch (...) {
-      failure = std::current_exception();
-    }
-    if (failure) co_return HTTPHandlerResult::response(handlerFailure(failure));
-    std::vector<std::string> names;
-    for (auto& model : models)
-      names.push_back(std::move(model.name));
-    co_return HTTPHandlerResult::response(HTTPResponse::json(
-        std::map<std::string, std::vector<std::string>, std::less<>>{{"models", names}},
-        HTTPStatus::ok, "OK"));
-  }
-  if (method == "POST" && path == "/v1/generate") {
-    std::exception_ptr failure;
-    std::optional<OrinLinkResponse> response;
-    try {
-      auto generating = handleGenerate(std::move(request));
-      response = co_await std::move(generating);
-    } catch (...) {
-      failure = std::current_exception();
-    }
-    if (failure) co_return HTTPHandlerResult::response(handlerFailure(failure));
-    co_return HTTPHandlerResult::response(HTTPResponse::json(*response, HTTPStatus::ok, "OK"));
-  }
-  if (method == "POST" && path == "/v1/generate/stream") {
-    try {
-      co_return HTTPHandlerResult::eventStream(handleGenerateStream(request));
-    } catch (...) {
-      co_return HTTPHandlerResult::response(handlerFailure(std::current_exception()));
-    }
-  }
-  co_return HTTPHandlerResult::response(HTTPResponse::error(
-      HTTPStatus::notFound, "not_found", "No Orin Link endpoint exists at " + request.path + "."));
-}
-
-HTTPResponse AppState::healthResponse() const {
-  return HTTPResponse::json(
-      OrinLinkHealth{"ok", "Orin Link", std::string(appVersion), "ollama", p_.activeModel},
-      HTTPStatus::ok, "OK");
-}
-
-void AppState::publishHealth() {
-  health_->reply = std::make_shared<const std::string>(healthResponse().serialized());
-}
-
-HTTPResponse AppState::handlePair(const HTTPRequest& request) {
-  const auto pairing = decodeJSON<PairRequest>(request.body);
-  std::string token = registry_.pair(pairing.deviceId, pairing.displayName, pairing.pairingCode);
-  return HTTPResponse::json(PairResponse{pairing.deviceId, std::move(token)}, HTTPStatus::ok, "OK");
-}
-
-OrinLinkStatusPayload AppState::statusPayload() const {
-  return {p_.isServerRunning,
-          static_cast<std::int64_t>(registry_.devices().size()),
-          p_.isOllamaAvailable,
-          p_.activeModel,
-          p_.serverPort,
-          true,
-          p_.reliabilityModeEnabled,
-          "website",
-          std::vector<std::string>{"textAI", "displayMirroring", "portal", "virtualUltrawide"}};
-}
-
-// Counts a generation in and returns the caller's device name.
-std::string AppState::beginGeneration(const HTTPRequest& request) {
-  std::string deviceName = registry_.deviceName(request.bearerToken()).value_or("Device");
-  noteGenerationStarted(deviceName);
-  return deviceName;
-}
-
-void AppState::noteGenerationStarted(const std::string& deviceName) {
-  set(&Properties::activeGenerations, p_.activeGenerations + 1, "activeGenerations");
-  set(&Properties::busyDeviceName, std::optional<std::string>(deviceName), "busyDeviceName");
-  updateDockBadge();
-}
-
-asio::awaitable<OrinLinkResponse> AppState::handleGenerate(HTTPRequest request) {
-  const auto generate = decodeJSON<OrinLinkGenerateRequest>(request.body);
-  noteRequestedModel(generate.model);
-  const std::string deviceName = beginGeneration(request);
-  const Date start = env_.clock();
-  ModelGenerateRequest modelRequest{generate.prompt, generate.model.value_or(p_.activeModel),
-                                    generate.temperature.value_or(0.7),
-                                    generate.think.value_or(false)};
-  OllamaRuntime client = runtime();
-  std::string text;
-  std::exception_ptr failure;
-  bool retryWithoutThink = false;
-  try {
-    auto generating = client.generateOnce(modelRequest, modelRequest.think);
-    text = co_await std::move(generating);
-  } catch (const OllamaError& error) {
-    retryWithoutThink = error.kind() == OllamaError::Kind::httpStatus && error.statusCode() == 400;
-    if (!retryWithoutThink) failure = std::current_exception();
-  } catch (...) {
-    failure = std::current_exception();
-  }
-  if (retryWithoutThink) {
-    try {
-      auto retrying = client.generateOnce(modelRequest, std::nullopt);
-      text = co_await std::move(retrying);
-    } catch (...) {
-      failure = std::current_exception();
-    }
-  }
-  if (failure) {
-    endGeneration(0, start);
-    std::rethrow_exception(failure);
-  }
-  const std::int64_t characters = characterCount(text);
-  endGeneration(characters > 3 ? characters / 4 : 1, start);
-
-  auto toolCall = OrinToolParser::extractToolCall(text);
-  std::string shown = OrinToolParser::removingToolCallMarkup(text);
-  if (auto entry = beginConversationEntry(generate.prompt, deviceName)) {
-    appendConversationToken(shown, *entry);
-    completeConversationEntry(*entry);
-  }
-  const OrinLane lane = toolCall ? OrinLane::toolProposal : OrinLane::chat;
-  co_return OrinLinkResponse{Uuid::random(), generate.id,      OrinLinkStatus::success,
-                             lane,           std::move(shown), std::move(toolCall),
-                             std::nullopt,   std::nullopt};
-}
-
-TextChunkStream AppState::handleGenerateStream(const HTTPRequest& request) {
-  const auto generate = decodeJSON<OrinLinkGenerateRequest>(request.body);
-  noteRequestedModel(generate.model);
-  const std::string deviceName = beginGeneration(request);
-  const auto entry = beginConversationEntry(generate.prompt, deviceName);
-  const Date start = env_.clock();
-  ModelGenerateRequest modelRequest{generate.prompt, generate.model.value_or(p_.activeModel),
-                                    generate.temperature.value_or(0.7),
-                                    generate.think.value_or(false)};
-
-  auto made = TextChunkStream::make();
-  TextChunkStream chunks = std::move(made.first);
-  const TextChunkStream::Continuation continuation = made.second;
-  // Tokens are read upstream and relayed on the server's own loop, where the device's socket is
-  // written, so a token crosses no thread; the bookkeeping follows on the main loop.
-  const asio::any_io_executor relay = env_.httpExecutor;
-  OllamaRuntime upstreamClient(
-      OllamaEndpoint::parse(p_.baseURLText).value_or(OllamaEndpoint::defaultEndpoint()), relay,
-      env_.ollamaTimeouts);
-  auto tally = std::make_shared<GenerationTally>();
-  // The device going away cancels the relay, which cancels the runtime's stream and so the
-  // request upstream. Emitted on the relay's loop, and only while the relay runs.
-  auto cancel = std::make_shared<RelayCancellation>();
-  continuation.onTermination([relay, cancel](TextChunkStream::Termination why) {
-    if (why != TextChunkStream::Termination::cancelled) return;
-    asio::post(relay, [cancel] {
-      if (!cancel->finished) cancel->signal.emit(asio::cancellation_type::terminal);
-    });
-  });
-  asio::co_spawn(
-      relay,
-      [weak = weak_from_this(), main = env_.mainExecutor, relay,
-       upstream = upstreamClient.stream(std::move(modelRequest)), continuation, entry, start,
-       cancel, tally]() mutable -> asio::awaitable<void> {
-        std::exception_ptr failure;
-        const auto handOff = [weak, main, tally, entry, start] {
-          asio::post(main, [weak, tally, entry, start] {
-            if (auto self = weak.lock()) self->applyTally(*tally, entry, start);
-          });
-        };
-        // Waking the main loop costs the relay's thread more than a token does, so tokens reach
-        // the bookkeeping at most once per interval; the first one at once.
-        asio::steady_timer handOffTimer(relay);
-        std::chrono::steady_clock::time_point lastHandOff;
-        try {
-          while (true) {
-            std::optional<std::string> token = co_await upstream.next(asio::use_awaitable);
-            if (!token) break;
-            const bool handOffNeeded = tally->add(*token);
-            continuation.yield(std::move(*token));
-            if (!handOffNeeded) continue;
-            const auto now = std::chrono::steady_clock::now();
-            if (now >= lastHandOff + bookkeepingInterval) {
-              lastHandOff = now;
-              // Queued behind the token's delivery, so the main loop wakes after the write.
-              asio::post(relay, handOff);
-            } else {
-              lastHandOff += bookkeepingInterval;
-              handOffTimer.expires_at(lastHandOff);
-              handOffTimer.async_wait([handOff](boost::system::error_code ec) {
-                if (!ec) handOff();
-              });
-            }
-          }
-        } catch (...) {
-          failure = std::current_exception();
-        }
-        cancel->finished = true;
-        asio::post(main, [weak, tally, entry, start] {
-          auto self = weak.lock();
-          if (!self) return;
-          self->applyTally(*tally, entry, start);
-          if (entry) self->completeConversationEntry(*entry);
-          self->endGeneration(tally->total(), start);
-        });
-        if (failure) {
-          continuation.finish(failure);
-        } else {
-          continuation.finish();
-        }
-      },
-      asio::bind_cancellation_slot(cancel->signal.slot(), asio::detached));
-  return chunks;
-}
-
-bool AppState::GenerationTally::add(const std::string& token) {
-  const std::lock_guard lock(mutex_);
-  pending_ += token;
-  ++count_;
-  const bool first = !posted_;
-  posted_ = true;
-  return first;
-}
-
-AppState::GenerationTally::Taken AppState::GenerationTally::take() {
-  const std::lock_guard lock(mutex_);
-  posted_ = false;
-  Taken taken{std::move(pending_), applied_, count_};
-  pending_.clear();
-  applied_ = count_;
-  return taken;
-}
-
-std::int64_t AppState::GenerationTally::total() {
-  const std::lock_guard lock(mutex_);
-  return count_;
-}
-
-void AppState::applyTally(GenerationTally& tally, const std::optional<Uuid>& entry, Date start) {
-  const auto taken = tally.take();
-  if (taken.count == taken.before) return;
-  if (entry) appendConversationToken(taken.text, *entry);
-  // The rate is refreshed every eighth token.
-  if (taken.count / 8 > taken.before / 8) {
-    const double elapsed = std::max(env_.clock().secondsSince(start), 0.05);
-    set(&Properties::tokensPerSecond,
-        std::optional<double>(static_cast<double>(taken.count / 8 * 8) / elapsed),
-        "tokensPerSecond");
   }
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -8,18 +7,17 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <boost/asio/any_io_executor.hpp>
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "OrinLink/aiservice/AIService.h"
+#include "OrinLink/core/RuntimeSupervisor.h"
 #include "OrinLink/core/SetupGuide.h"
 #include "OrinLink/pairing/DeviceRegistry.h"
 #include "OrinLink/runtime/OllamaRuntime.h"
@@ -51,14 +49,10 @@ class StartupError : public Error {
 // The one application-wide model and controller. Everything here runs on the main loop; the
 // servers call in through posted work and every user-visible change is announced to observers by
 // the name of the property that changed.
-class AppState : public std::enable_shared_from_this<AppState> {
+class AppState : public std::enable_shared_from_this<AppState>, public AIServiceHost {
  public:
   static constexpr std::uint16_t defaultServerPort = 38141;
   static constexpr std::size_t conversationLogLimit = 20;
-  static constexpr double warmUpSpacingSeconds = 180;
-  static constexpr int installWatchAttempts = 120;
-  static constexpr std::string_view ollamaDownloadPage = "https://ollama.com/download";
-  static constexpr std::string_view appVersion = "0.1.0";
 
   struct Environment {
     boost::asio::any_io_executor mainExecutor;
@@ -138,13 +132,8 @@ class AppState : public std::enable_shared_from_this<AppState> {
   std::optional<SetupIssue::Kind> performSetupAction();
 
   // Runtime supervision.
-  boost::asio::awaitable<void> refreshRuntimeStatus();
-  void startOllama();
-  void openOllamaDownload();
-  void pullModel(const std::string& name);
-  void cancelPull();
-  void warmActiveModel(bool force);
-  OllamaInstallState ollamaInstallState() const;
+  RuntimeSupervisor& runtimeSupervisor() { return *runtime_; }
+  const RuntimeSupervisor& runtimeSupervisor() const { return *runtime_; }
   bool isActiveModelInstalled() const;
   std::string recommendedModel() const;
   std::uint64_t physicalMemoryGB() const { return physicalMemoryGB_; }
@@ -155,18 +144,24 @@ class AppState : public std::enable_shared_from_this<AppState> {
   void newPairingCode();
   bool removeDevice(const Uuid& id);
 
-  // Requests from the AI service.
-  boost::asio::awaitable<HTTPHandlerResult> route(HTTPRequest request);
+  // What the AI service asks of the application.
+  std::optional<std::string> authenticate(const std::optional<std::string>& token) override;
+  std::string pair(const PairRequest& request) override;
+  StatusFacts statusFacts() const override;
+  OllamaRuntime runtimeOn(const boost::asio::any_io_executor& executor) const override;
+  std::chrono::steady_clock::duration requestWarmUp() override;
+  Date now() const override { return env_.clock(); }
 
   // Statistics and the conversation log.
-  void noteRequestedModel(const std::optional<std::string>& model);
-  void noteGenerationStarted(const std::string& deviceName);
-  void endGeneration(std::int64_t tokens, Date since);
+  void noteRequestedModel(const std::optional<std::string>& model) override;
+  void noteGenerationStarted(const std::string& deviceName) override;
+  void noteTokenRate(double tokensPerSecond) override;
+  void endGeneration(std::int64_t tokens, Date since) override;
   void recordReply();
   std::optional<Uuid> beginConversationEntry(const std::string& prompt,
-                                             const std::string& deviceName);
-  void appendConversationToken(const std::string& text, const Uuid& id);
-  void completeConversationEntry(const Uuid& id);
+                                             const std::string& deviceName) override;
+  void appendConversationToken(const std::string& text, const Uuid& id) override;
+  void completeConversationEntry(const Uuid& id) override;
 
   // Null when the environment has no stream platform.
   const std::shared_ptr<screen::ScreenStreamService>& screenStream() const { return screenStream_; }
@@ -234,56 +229,10 @@ class AppState : public std::enable_shared_from_this<AppState> {
   void wire();
   void readSettings();
   void startSetupTimer();
-  void watchForOllama();
 
-  boost::asio::awaitable<HTTPHandlerResult> routeUnsafe(HTTPRequest request);
-  HTTPResponse handlePair(const HTTPRequest& request);
-  boost::asio::awaitable<OrinLinkResponse> handleGenerate(HTTPRequest request);
-  TextChunkStream handleGenerateStream(const HTTPRequest& request);
-  OrinLinkStatusPayload statusPayload() const;
-  std::string beginGeneration(const HTTPRequest& request);
   void createScreenStream();
   void streamClientsPublished();
   std::size_t streamClientCount() const;
-  HTTPResponse healthResponse() const;
-  void publishHealth();
-
-  // Tokens relayed on the server's loop, waiting to be entered in the statistics and the
-  // conversation log on the main loop; one hand-off is in flight at a time, however fast tokens
-  // come.
-  class GenerationTally {
-   public:
-    struct Taken {
-      std::string text;
-      std::int64_t before = 0;
-      std::int64_t count = 0;
-    };
-    // True when the caller should post a hand-off.
-    bool add(const std::string& token);
-    Taken take();
-    std::int64_t total();
-
-   private:
-    std::mutex mutex_;
-    std::string pending_;
-    std::int64_t applied_ = 0;
-    std::int64_t count_ = 0;
-    bool posted_ = false;
-  };
-  struct RelayCancellation {
-    boost::asio::cancellation_signal signal;
-    bool finished = false;  // the relay's loop only
-  };
-  void applyTally(GenerationTally& tally, const std::optional<Uuid>& entry, Date start);
-
-  // What the server's thread needs to answer /health without the main loop: the serialized
-  // reply, republished when the active model changes, and a gate that keeps it from asking the
-  // main loop for a warm-up while one would be refused for spacing anyway.
-  struct HealthBoard {
-    std::atomic<std::shared_ptr<const std::string>> reply;
-    std::atomic<bool> warmPending{false};
-    std::atomic<std::chrono::steady_clock::rep> noWarmBefore{0};
-  };
 
   Environment env_;
   SettingsStore settings_;
@@ -291,13 +240,11 @@ class AppState : public std::enable_shared_from_this<AppState> {
   Properties p_;
   std::map<std::uint64_t, Observer> observers_;
   std::uint64_t nextSubscription_ = 0;
+  std::shared_ptr<AIService> aiService_;
+  std::shared_ptr<RuntimeSupervisor> runtime_;
   std::unique_ptr<LocalHTTPServer> server_;
   std::shared_ptr<screen::ScreenStreamService> screenStream_;
   std::optional<boost::asio::steady_timer> setupTimer_;
-  std::shared_ptr<boost::asio::cancellation_signal> pullCancel_;
-  std::shared_ptr<boost::asio::cancellation_signal> watchCancel_;
-  std::optional<Date> lastModelWarmAt_;
-  std::shared_ptr<HealthBoard> health_ = std::make_shared<HealthBoard>();
   std::uint64_t physicalMemoryGB_ = 0;
   bool launched_ = false;
   // The stream's client list as last handled, so that a repeat of the same list is dropped.

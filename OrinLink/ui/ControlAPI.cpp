@@ -12,6 +12,7 @@
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/controlclient/ControlClient.h"
 #include "OrinLink/core/Diagnostics.h"
+#include "OrinLink/http/RouteTable.h"
 #include "OrinLink/ui/ControlPanelAssets.h"
 
 namespace orin {
@@ -157,11 +158,26 @@ bool ControlAPI::hasSecret(const HTTPRequest& request) const {
 }
 
 asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
+  using View = HTTPHandlerResult (*)(ControlAPI&, AppState&);
+  static const RouteTable<View> views{
+      {{"GET", "/api/state"},
+       [](ControlAPI&, AppState& app) {
+         return HTTPHandlerResult::response(jsonReply(HTTPStatus::ok, snapshot(app)));
+       }},
+      {{"GET", "/api/events"},
+       [](ControlAPI& api, AppState&) {
+         return HTTPHandlerResult::eventStream(api.changeStream());
+       }},
+      {{"GET", "/api/pairing/qr.svg"},
+       [](ControlAPI&, AppState& app) {
+         return HTTPHandlerResult::response(qrCodeResponse(app.pairingPayload()));
+       }},
+  };
   if (!hostAllowed(request)) {
     co_return HTTPHandlerResult::response(HTTPResponse::error(HTTPStatus::forbidden, "forbidden",
                                                               "This address is not allowed here."));
   }
-  const std::string path = request.path.substr(0, request.path.find('?'));
+  const std::string path(routingPath(request.path));
   // The page and its files hold nothing secret, and must load before there is a session.
   if (request.method == "GET") {
     if (const EmbeddedAsset* asset = findPanelAsset(path)) {
@@ -178,14 +194,8 @@ asio::awaitable<HTTPHandlerResult> ControlAPI::handle(HTTPRequest request) {
     co_return HTTPHandlerResult::response(HTTPResponse::error(
         HTTPStatus::internalServerError, "unavailable", "Orin Link is shutting down."));
   }
-  if (request.method == "GET" && path == "/api/state") {
-    co_return HTTPHandlerResult::response(jsonReply(HTTPStatus::ok, snapshot(*app)));
-  }
-  if (request.method == "GET" && path == "/api/events") {
-    co_return HTTPHandlerResult::eventStream(changeStream());
-  }
-  if (request.method == "GET" && path == "/api/pairing/qr.svg") {
-    co_return HTTPHandlerResult::response(qrCodeResponse(app->pairingPayload()));
+  if (const View* view = views.find(request.method, request.path)) {
+    co_return (*view)(*this, *app);
   }
   if (request.method == "POST" && path.starts_with("/api/")) {
     if (!originAllowed(request)) {
@@ -246,6 +256,23 @@ void applySettings(AppState& app, const json::ObjectReader& args) {
   app.saveSettings();
 }
 
+void applyStreamSettings(screen::ScreenStreamService& stream, const json::ObjectReader& args) {
+  screen::StreamSettings next = stream.settings();
+  if (auto id = args.optional<std::uint32_t>("selectedDisplayID")) next.selectedDisplayID = *id;
+  if (auto height = args.optional<std::int64_t>("resolutionHeight")) {
+    next.resolutionPreset = screen::resolutionPresetForHeight(*height);
+  }
+  if (auto preset = args.optional<std::int64_t>("virtualDisplayPreset")) {
+    next.virtualDisplayPreset = screen::virtualPresetForSettingsValue(*preset);
+  }
+  if (auto replaces = args.optional<bool>("virtualDisplayReplacesDesktop")) {
+    next.virtualDisplayReplacesDesktop = *replaces;
+  }
+  if (auto fps = args.optional<int>("framesPerSecond")) next.framesPerSecond = *fps;
+  if (auto port = args.optional<std::uint16_t>("streamPort")) next.streamPort = *port;
+  stream.applySettings(next);
+}
+
 HTTPResponse conflict(std::string message) {
   HTTPResponse response = HTTPResponse::error(409, "conflict", std::move(message));
   response.reason = "Conflict";
@@ -275,76 +302,99 @@ HTTPResponse ControlAPI::performSetupAction(AppState& app, const json::ObjectRea
   return jsonReply(HTTPStatus::ok, snapshot(app));
 }
 
+namespace {
+
+HTTPResponse noStream() {
+  return HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                             "Screen streaming is not available in this run.");
+}
+
+}  // namespace
+
+// An operation that leaves `reply` empty is answered with the state after the change.
+struct ControlAPI::Call {
+  ControlAPI& api;
+  AppState& app;
+  const json::ObjectReader& args;
+  std::optional<HTTPResponse> reply;
+  screen::ScreenStreamService* stream() {
+    if (!app.screenStream()) reply = noStream();
+    return app.screenStream().get();
+  }
+};
+
 HTTPResponse ControlAPI::performOperation(const std::string& path, const HTTPRequest& request) {
+  using Operation = void (*)(Call&);
+  static const RouteTable<Operation> operations{
+      {{"POST", "/api/pairing/new-code"}, [](Call& c) { c.app.newPairingCode(); }},
+      {{"POST", "/api/devices/remove"},
+       [](Call& c) {
+         if (!c.app.removeDevice(c.args.required<Uuid>("id"))) {
+           c.reply = HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                         "No paired device has that id.");
+         }
+       }},
+      {{"POST", "/api/server/start"}, [](Call& c) { c.app.startServer(); }},
+      {{"POST", "/api/server/stop"}, [](Call& c) { c.app.stopServer(); }},
+      {{"POST", "/api/settings"}, [](Call& c) { applySettings(c.app, c.args); }},
+      {{"POST", "/api/setup/action"}, [](Call& c) { c.reply = performSetupAction(c.app, c.args); }},
+      {{"POST", "/api/guide"},
+       [](Call& c) { c.app.setGuidePresented(c.args.required<bool>("presented")); }},
+      {{"POST", "/api/panel/open"},
+       [](Call& c) {
+         if (c.api.openPanel_) {
+           c.api.openPanel_();
+         } else {
+           c.reply = HTTPResponse::error(HTTPStatus::notFound, "not_found",
+                                         "Nothing is at /api/panel/open.");
+         }
+       }},
+      {{"POST", "/api/conversations"},
+       [](Call& c) { c.app.setShowConversations(c.args.required<bool>("show")); }},
+      {{"POST", "/api/runtime/refresh"},
+       [](Call& c) {
+         asio::co_spawn(
+             c.api.mainExecutor_,
+             [app = c.app.shared_from_this()]() -> asio::awaitable<void> {
+               co_await app->runtimeSupervisor().refresh();
+             },
+             asio::detached);
+       }},
+      {{"POST", "/api/runtime/start-ollama"},
+       [](Call& c) { c.app.runtimeSupervisor().startOllama(); }},
+      {{"POST", "/api/runtime/download-ollama"},
+       [](Call& c) { c.app.runtimeSupervisor().openDownloadPage(); }},
+      {{"POST", "/api/runtime/pull"},
+       [](Call& c) {
+         c.app.runtimeSupervisor().pull(
+             c.args.optional<std::string>("model").value_or(c.app.properties().activeModel));
+       }},
+      {{"POST", "/api/runtime/pause"}, [](Call& c) { c.app.runtimeSupervisor().cancelPull(); }},
+      {{"POST", "/api/runtime/warm"}, [](Call& c) { c.app.runtimeSupervisor().warm(true); }},
+      {{"POST", "/api/screen-stream/enable"},
+       [](Call& c) {
+         if (auto* stream = c.stream()) stream->setEnabled(c.args.required<bool>("on"));
+       }},
+      {{"POST", "/api/screen-stream/refresh-displays"},
+       [](Call& c) {
+         if (auto* stream = c.stream()) stream->refreshDisplays();
+       }},
+      {{"POST", "/api/screen-stream/settings"},
+       [](Call& c) {
+         if (auto* stream = c.stream()) applyStreamSettings(*stream, c.args);
+       }},
+  };
   auto app = app_.lock();
   const json::Value body = request.body.empty() ? json::Value::object() : json::parse(request.body);
   const json::ObjectReader args(body, json::CodingPath{});
-  if (path == "/api/pairing/new-code") {
-    app->newPairingCode();
-  } else if (path == "/api/devices/remove") {
-    if (!app->removeDevice(args.required<Uuid>("id"))) {
-      return HTTPResponse::error(HTTPStatus::notFound, "not_found",
-                                 "No paired device has that id.");
-    }
-  } else if (path == "/api/server/start") {
-    app->startServer();
-  } else if (path == "/api/server/stop") {
-    app->stopServer();
-  } else if (path == "/api/settings") {
-    applySettings(*app, args);
-  } else if (path == "/api/setup/action") {
-    return performSetupAction(*app, args);
-  } else if (path == "/api/guide") {
-    app->setGuidePresented(args.required<bool>("presented"));
-  } else if (path == "/api/panel/open" && openPanel_) {
-    openPanel_();
-  } else if (path == "/api/conversations") {
-    app->setShowConversations(args.required<bool>("show"));
-  } else if (path == "/api/runtime/refresh") {
-    asio::co_spawn(
-        mainExecutor_, [app]() -> asio::awaitable<void> { co_await app->refreshRuntimeStatus(); },
-        asio::detached);
-  } else if (path == "/api/runtime/start-ollama") {
-    app->startOllama();
-  } else if (path == "/api/runtime/download-ollama") {
-    app->openOllamaDownload();
-  } else if (path == "/api/runtime/pull") {
-    app->pullModel(args.optional<std::string>("model").value_or(app->properties().activeModel));
-  } else if (path == "/api/runtime/pause") {
-    app->cancelPull();
-  } else if (path == "/api/runtime/warm") {
-    app->warmActiveModel(true);
-  } else if (path.starts_with("/api/screen-stream/")) {
-    const auto& stream = app->screenStream();
-    if (!stream) {
-      return HTTPResponse::error(HTTPStatus::notFound, "not_found",
-                                 "Screen streaming is not available in this run.");
-    }
-    if (path == "/api/screen-stream/enable") {
-      stream->setEnabled(args.required<bool>("on"));
-    } else if (path == "/api/screen-stream/refresh-displays") {
-      stream->refreshDisplays();
-    } else if (path == "/api/screen-stream/settings") {
-      screen::StreamSettings next = stream->settings();
-      if (auto id = args.optional<std::uint32_t>("selectedDisplayID")) next.selectedDisplayID = *id;
-      if (auto height = args.optional<std::int64_t>("resolutionHeight")) {
-        next.resolutionPreset = screen::resolutionPresetForHeight(*height);
-      }
-      if (auto preset = args.optional<std::int64_t>("virtualDisplayPreset")) {
-        next.virtualDisplayPreset = screen::virtualPresetForSettingsValue(*preset);
-      }
-      if (auto replaces = args.optional<bool>("virtualDisplayReplacesDesktop")) {
-        next.virtualDisplayReplacesDesktop = *replaces;
-      }
-      if (auto fps = args.optional<int>("framesPerSecond")) next.framesPerSecond = *fps;
-      if (auto port = args.optional<std::uint16_t>("streamPort")) next.streamPort = *port;
-      stream->applySettings(next);
-    } else {
-      return HTTPResponse::error(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
-    }
-  } else {
+  const Operation* operation = operations.find(request.method, path);
+  if (!operation) {
+    if (path.starts_with("/api/screen-stream/") && !app->screenStream()) return noStream();
     return HTTPResponse::error(HTTPStatus::notFound, "not_found", "Nothing is at " + path + ".");
   }
+  Call call{*this, *app, args, std::nullopt};
+  (*operation)(call);
+  if (call.reply) return std::move(*call.reply);
   return jsonReply(HTTPStatus::ok, snapshot(*app));
 }
 
@@ -478,7 +528,7 @@ Ordered ControlAPI::snapshot(const AppState& app) {
       {"runtime",
        {{"available", p.isOllamaAvailable},
         {"error", optionalText(p.ollamaError)},
-        {"installState", installStateName(app.ollamaInstallState())},
+        {"installState", installStateName(app.runtimeSupervisor().installState())},
         {"models", models},
         {"activeModel", p.activeModel},
         {"activeModelInstalled", app.isActiveModelInstalled()},

@@ -45,6 +45,7 @@ class ControlAPI {
   boost::asio::awaitable<HTTPHandlerResult> handle(HTTPRequest request);
 
  private:
+  struct Call;
   HTTPResponse performOperation(const std::string& path, const HTTPRequest& request);
   static HTTPResponse performSetupAction(AppState& app, const json::ObjectReader& args);
   TextChunkStream changeStream();

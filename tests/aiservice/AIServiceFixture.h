@@ -23,7 +23,6 @@ namespace orin::test {
 namespace asio = boost::asio;
 using Json = nlohmann::json;
 using device::DeviceClient;
-using device::DeviceError;
 using testing_support::httpExchange;
 using testing_support::StandInProcess;
 

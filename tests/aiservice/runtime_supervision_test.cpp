@@ -94,8 +94,8 @@ TEST_F(RuntimeSupervisionTest, StartingOllamaRunsWhatThisMachineHas) {
     if (c.onPath) system_.addToPath("ollama", *c.onPath);
     restart(unreachable);
     ASSERT_TRUE(waitForEvent("Ollama is not reachable."));
-    EXPECT_EQ(onMain([&] { return app_->ollamaInstallState(); }), c.state);
-    onMain([&] { app_->startOllama(); });
+    EXPECT_EQ(onMain([&] { return app_->runtimeSupervisor().installState(); }), c.state);
+    onMain([&] { app_->runtimeSupervisor().startOllama(); });
     EXPECT_TRUE(testing_support::eventually([&] { return system_.launched() == c.launched; }));
     if (c.error) {
       EXPECT_TRUE(waitForEvent("Could not start Ollama."));
@@ -107,19 +107,19 @@ TEST_F(RuntimeSupervisionTest, StartingOllamaRunsWhatThisMachineHas) {
 }
 
 TEST_F(RuntimeSupervisionTest, DownloadsShowProgressPauseResumeAndFail) {
-  onMain([&] { app_->pullModel("big:1b"); });
+  onMain([&] { app_->runtimeSupervisor().pull("big:1b"); });
   ASSERT_TRUE(waitUntil([](const AppState& app) {
     const auto& progress = app.properties().pullProgress;
     return progress && progress->fraction && *progress->fraction > 0;
   }));
-  onMain([&] { app_->cancelPull(); });
+  onMain([&] { app_->runtimeSupervisor().cancelPull(); });
   const auto paused = onMain([&] { return app_->properties(); });
   EXPECT_FALSE(paused.pullProgress.has_value());
   EXPECT_EQ(paused.lastEvent,
             "Download paused \u2014 Ollama keeps what it has, so it resumes where it left off.");
   EXPECT_TRUE(standIn_->waitFor({{"active_pulls", 0}}));
 
-  onMain([&] { app_->pullModel("big:1b"); });
+  onMain([&] { app_->runtimeSupervisor().pull("big:1b"); });
   ASSERT_TRUE(waitUntil([](const AppState& app) {
     const auto& models = app.properties().models;
     return std::any_of(models.begin(), models.end(),
@@ -127,7 +127,7 @@ TEST_F(RuntimeSupervisionTest, DownloadsShowProgressPauseResumeAndFail) {
   }));
   EXPECT_FALSE(onMain([&] { return app_->properties().pullProgress.has_value(); }));
 
-  onMain([&] { app_->pullModel("flaky:1b"); });
+  onMain([&] { app_->runtimeSupervisor().pull("flaky:1b"); });
   ASSERT_TRUE(
       waitUntil([](const AppState& app) { return app.properties().pullError.has_value(); }));
   EXPECT_EQ(onMain([&] { return *app_->properties().pullError; }),

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+
+#include "OrinLink/aiservice/AIServiceHost.h"
+#include "OrinLink/http/HTTPMessage.h"
+
+namespace orin {
+
+// The devices' HTTP API: routes, pairing check, handlers, the token relay and its statistics.
+// Requests are handled on the main loop; streamed tokens are relayed on the server's own loop
+// and their bookkeeping follows on the main loop. The host must outlive the service.
+class AIService : public std::enable_shared_from_this<AIService> {
+ public:
+  static constexpr std::string_view appVersion = "0.1.0";
+
+  static std::shared_ptr<AIService> make(AIServiceHost& host,
+                                         boost::asio::any_io_executor mainExecutor,
+                                         boost::asio::any_io_executor relayExecutor);
+
+  // Never throws: every failure becomes a reply.
+  boost::asio::awaitable<HTTPHandlerResult> route(HTTPRequest request);
+
+  // For the server's executor: answers GET /health without the main loop, from the reply last
+  // published, and asks the main loop for a warm-up unless one would be refused anyway.
+  std::function<std::optional<std::string>(const HTTPRequest&)> immediateHandler();
+  // Called whenever the active model changes.
+  void publishHealth(const std::string& activeModel);
+
+ private:
+  struct HealthBoard;
+  AIService(AIServiceHost& host, boost::asio::any_io_executor mainExecutor,
+            boost::asio::any_io_executor relayExecutor);
+
+  boost::asio::awaitable<HTTPHandlerResult> health(HTTPRequest request, std::string device);
+  boost::asio::awaitable<HTTPHandlerResult> pair(HTTPRequest request, std::string device);
+  boost::asio::awaitable<HTTPHandlerResult> status(HTTPRequest request, std::string device);
+  boost::asio::awaitable<HTTPHandlerResult> models(HTTPRequest request, std::string device);
+  boost::asio::awaitable<HTTPHandlerResult> generate(HTTPRequest request, std::string device);
+  boost::asio::awaitable<HTTPHandlerResult> generateStream(HTTPRequest request, std::string device);
+  ModelGenerateRequest modelRequest(const OrinLinkGenerateRequest& generate) const;
+  void warmUp();
+
+  struct Endpoint {
+    bool needsPairing = true;
+    boost::asio::awaitable<HTTPHandlerResult> (AIService::*handle)(HTTPRequest, std::string);
+  };
+
+  AIServiceHost& host_;
+  boost::asio::any_io_executor main_;
+  boost::asio::any_io_executor relay_;
+  std::shared_ptr<HealthBoard> health_;
+};
+
+}  // namespace orin
