@@ -13,6 +13,7 @@
 
 #include "OrinLink/server/HTTPMessage.h"
 #include "OrinLink/server/ServiceAdvertiser.h"
+#include "OrinLink/transport/ConnectionTracker.h"
 
 namespace orin {
 
@@ -39,6 +40,8 @@ class LocalHTTPServer {
     std::optional<boost::asio::ip::address> bindAddress;
     std::string serviceName = std::string(defaultServiceName);
     ServiceAdvertiser* advertiser = nullptr;
+    // Open connections at most; at the cap the oldest without a whole request makes room.
+    std::size_t maxConnections = transport::ConnectionTracker::defaultCap;
   };
 
   LocalHTTPServer(Options options, boost::asio::any_io_executor serverExecutor,

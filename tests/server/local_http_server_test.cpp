@@ -1,5 +1,7 @@
 #include <future>
+#include <poll.h>
 #include <string>
+#include <vector>
 
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/connect.hpp>
@@ -46,6 +48,7 @@ class LocalHTTPServerTest : public testing::Test {
     LocalHTTPServer::Options options;
     options.port = port;
     options.bindAddress = asio::ip::address_v4::loopback();
+    options.maxConnections = maxConnections_;
     server_ = std::make_unique<LocalHTTPServer>(options, serverLoop_.executor(),
                                                 mainLoop_.executor(), std::move(handler));
     if (immediate) server_->setImmediateHandler(std::move(immediate));
@@ -95,6 +98,7 @@ class LocalHTTPServerTest : public testing::Test {
   SerialExecutor serverLoop_{"test.http"};
   asio::io_context client_;
   Respond respond_;
+  std::size_t maxConnections_ = transport::ConnectionTracker::defaultCap;
   std::unique_ptr<LocalHTTPServer> server_;
   std::pair<bool, std::string> state_;
 };
@@ -299,6 +303,24 @@ TEST_F(LocalHTTPServerTest, LeavingCancelsTheHandlerOnTheMainLoop) {
   socket.close();
   EXPECT_EQ(cancelled->get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_EQ(statusLine(exchange("GET /health HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
+}
+
+// There is no read time-out: idle and slow peers beyond the cap push out the oldest of them, so a
+// real request is still served.
+TEST_F(LocalHTTPServerTest, FloodsOfIdlePeersGiveWayToRealRequests) {
+  maxConnections_ = 8;
+  startServer(echo);
+  std::vector<tcp::socket> idle;
+  for (int i = 0; i < 40; ++i) {
+    idle.push_back(connect());
+    if (i % 2 == 1) asio::write(idle.back(), asio::buffer("GET /slow"sv));
+  }
+  EXPECT_EQ(statusLine(exchange("GET /status HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
+  for (auto* oldest : {&idle[0], &idle[1]}) {
+    pollfd closed{oldest->native_handle(), POLLIN, 0};
+    ASSERT_EQ(::poll(&closed, 1, 10'000), 1);
+    EXPECT_EQ(readAll(*oldest), "");
+  }
 }
 
 TEST_F(LocalHTTPServerTest, PortInUseIsReportedNotRetried) {
