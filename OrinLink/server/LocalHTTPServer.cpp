@@ -73,9 +73,11 @@ struct HandlerCancellation {
 
 struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   struct Connection {
-    Connection(tcp::socket s, asio::any_io_executor main)
-        : socket(std::move(s)), lingerTimer(socket.get_executor()), mainExecutor(std::move(main)) {}
-    tcp::socket socket;
+    Connection(std::unique_ptr<transport::ByteStream> s, asio::any_io_executor main)
+        : stream(std::move(s)),
+          lingerTimer(stream->get_executor()),
+          mainExecutor(std::move(main)) {}
+    std::unique_ptr<transport::ByteStream> stream;
     asio::steady_timer lingerTimer;
     asio::any_io_executor mainExecutor;
     asio::cancellation_signal cancellation;
@@ -90,7 +92,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     void close() {
       cancelled = true;
       error_code ignored;
-      socket.close(ignored);
+      stream->close(ignored);
     }
 
     void cancel() {
@@ -104,7 +106,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       cancellation.emit(asio::cancellation_type::terminal);
       lingerTimer.cancel();
       error_code ignored;
-      socket.close(ignored);
+      stream->close(ignored);
     }
   };
 
@@ -207,7 +209,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       ::close(fd);
       return;
     }
-    auto connection = std::make_shared<Connection>(std::move(socket), mainExecutor);
+    auto stream = options.openStream ? options.openStream(std::move(socket))
+                                     : std::make_unique<transport::SocketStream>(std::move(socket));
+    auto connection = std::make_shared<Connection>(std::move(stream), mainExecutor);
     const auto id = connections.add([weak = std::weak_ptr(connection)] {
       if (auto c = weak.lock()) c->cancel();
     });
@@ -268,7 +272,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     // Left uninitialised: most requests fill a few hundred bytes of it.
     const auto buffer = std::make_unique_for_overwrite<char[]>(readChunkBytes);
     while (true) {
-      auto [ec, received] = co_await connection->socket.async_read_some(
+      auto [ec, received] = co_await connection->stream->async_read_some(
           asio::buffer(buffer.get(), readChunkBytes), asio::as_tuple(asio::use_awaitable));
       if (connection->cancelled) co_return;
       // Every awaited call is made in a statement of its own: GCC 12 destroys temporaries that
@@ -325,7 +329,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     // Started once this coroutine waits, so the main loop is woken first; the watcher's first
     // read finds nothing anyway.
     asio::post(self->serverExecutor, [connection] {
-      asio::co_spawn(connection->socket.get_executor(), watchPeer(connection), asio::detached);
+      asio::co_spawn(connection->stream->get_executor(), watchPeer(connection), asio::detached);
     });
     auto cancellation = std::make_shared<HandlerCancellation>();
     connection->handler = cancellation;
@@ -378,7 +382,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   static asio::awaitable<void> watchPeer(std::shared_ptr<Connection> connection) {
     std::array<char, 4096> sink{};
     while (!connection->cancelled) {
-      auto [ec, n] = co_await connection->socket.async_read_some(
+      auto [ec, n] = co_await connection->stream->async_read_some(
           asio::buffer(sink), asio::as_tuple(asio::use_awaitable));
       (void)n;
       if (ec == asio::error::eof && !connection->replied) {
@@ -401,17 +405,19 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       return;
     }
     connection->replied = true;
-    transport::lingerClose(connection->socket, connection->lingerTimer,
+    transport::lingerClose(*connection->stream, connection->lingerTimer,
                            [weak = std::weak_ptr(connection)] {
                              if (auto c = weak.lock()) c->cancel();
                            });
   }
 
-  // Coroutine parameters are values: a reference could outlive what it refers to.
+  // Coroutine parameters are values: a reference could outlive what it refers to. A peer that
+  // cannot be written to gets no linger.
   static asio::awaitable<bool> write(std::shared_ptr<Connection> connection, std::string bytes) {
-    auto [ec, written] = co_await asio::async_write(connection->socket, asio::buffer(bytes),
+    auto [ec, written] = co_await asio::async_write(*connection->stream, asio::buffer(bytes),
                                                     asio::as_tuple(asio::use_awaitable));
     (void)written;
+    if (ec) connection->close();
     co_return !ec && !connection->cancelled;
   }
 
@@ -432,7 +438,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
                                                 TextChunkStream stream) {
     // Tokens leave one write at a time; none may wait for the previous one's acknowledgement.
     error_code ignored;
-    connection->socket.set_option(tcp::no_delay(true), ignored);
+    connection->stream->lowest_layer().set_option(tcp::no_delay(true), ignored);
     auto writingHead = write(connection, std::string(eventStreamHead));
     const bool headWritten = co_await std::move(writingHead);
     if (!headWritten) co_return;
@@ -467,15 +473,15 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
 
   // Only the socket is closed at the deadline: the coroutine that drains is the one to cancel.
   static asio::awaitable<void> linger(std::shared_ptr<Connection> connection) {
-    transport::lingerClose(connection->socket, connection->lingerTimer,
+    transport::lingerClose(*connection->stream, connection->lingerTimer,
                            [weak = std::weak_ptr(connection)] {
                              if (auto c = weak.lock()) {
                                error_code ignored;
-                               c->socket.close(ignored);
+                               c->stream->close(ignored);
                              }
                            });
-    if (!connection->socket.is_open()) co_return;
-    auto draining = transport::drain(connection, connection->socket, lingerMaxBytes);
+    if (!connection->stream->is_open()) co_return;
+    auto draining = transport::drain(connection, *connection->stream, lingerMaxBytes);
     co_await std::move(draining);
     connection->lingerTimer.cancel();
   }
