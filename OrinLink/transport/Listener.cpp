@@ -64,6 +64,8 @@ struct Listener::State {
   asio::steady_timer backOff;
   tcp protocol = tcp::v6();
   std::uint16_t port = 0;
+  // A loop paused when the listener closed and opened again ends rather than run beside the new.
+  std::uint64_t generation = 0;
 
   bool bind(const asio::ip::address& address, error_code& ec) {
     error_code ignored;
@@ -82,8 +84,9 @@ struct Listener::State {
   // Readiness is reported once per change, so the queue is emptied before waiting again; a long
   // queue is worked through in batches, letting other connections run in between.
   static asio::awaitable<void> run(std::shared_ptr<State> self, Admit admit, Failed failed) {
+    const std::uint64_t generation = self->generation;
     bool drained = true;
-    while (self->acceptor.is_open()) {
+    while (self->acceptor.is_open() && self->generation == generation) {
       if (drained) {
         auto [ec] = co_await self->acceptor.async_wait(tcp::acceptor::wait_read,
                                                        asio::as_tuple(asio::use_awaitable));
@@ -146,6 +149,7 @@ void Listener::accept(Admit admit, Failed failed) {
 }
 
 void Listener::close() {
+  ++state_->generation;
   error_code ignored;
   state_->acceptor.close(ignored);
   state_->backOff.cancel();
