@@ -4,7 +4,7 @@
 # below it. A new folder needs a rank here.
 set -euo pipefail
 root=${1:?usage: layering_test.sh SOURCE_DIR}
-declare -A rank=([OrinLinkShared]=0 [common]=1 [concurrency]=1 [http]=2 [pairing]=3 [runtime]=3
+declare -A rank=([OrinLinkShared]=0 [common]=1 [concurrency]=1 [http]=2 [transport]=2 [pairing]=3 [runtime]=3
   [settings]=3 [controlclient]=3 [system]=4 [server]=5 [aiservice]=5 [screenstream]=6 [core]=7 [ui]=8 [app]=9)
 
 # Sets `layer` to the folder that ranks a path relative to the source directory.

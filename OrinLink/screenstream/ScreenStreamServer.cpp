@@ -6,14 +6,13 @@
 #include <map>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <unordered_set>
+#include <unistd.h>
 #include <utility>
 
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -21,6 +20,8 @@
 
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/pairing/TokenHash.h"
+#include "OrinLink/transport/Linger.h"
+#include "OrinLink/transport/Listener.h"
 
 namespace orin::screen {
 
@@ -36,8 +37,7 @@ constexpr std::size_t readChunkBytes = 64 * 1024;
 // keeps talking, and it is cut off rather than buffered for.
 constexpr std::size_t maxPendingControlBytes = 1024 * 1024;
 // After a refusal the client has this long to read it before the socket closes.
-constexpr auto lingerTime = std::chrono::seconds(1);
-constexpr auto acceptBackoff = std::chrono::milliseconds(50);
+constexpr auto lingerTime = transport::lingerTime;
 constexpr int maxUnsentBytes = 128 * 1024;
 
 constexpr std::string_view unknownDeviceName = "Unknown device";
@@ -74,14 +74,6 @@ OrinScreenControlMessage errorMessage(std::string_view text) {
   return message;
 }
 
-// Conditions that pass: the listener waits a moment instead of giving up.
-bool isTransientAcceptError(const error_code& ec) {
-  return ec == asio::error::no_descriptors || ec == asio::error::no_buffer_space ||
-         ec == asio::error::no_memory || ec == asio::error::connection_aborted ||
-         ec == asio::error::connection_reset || ec == asio::error::try_again ||
-         ec == asio::error::interrupted || ec == boost::system::errc::too_many_files_open_in_system;
-}
-
 }  // namespace
 
 StreamServerError StreamServerError::invalidPort(int port) {
@@ -107,7 +99,6 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     // Closing once the queued writes are out (a refusal that the client should read).
     bool closingAfterWrites = false;
     bool socketClosed = false;
-    std::optional<std::string> tokenHash;
 
     std::deque<Outgoing> queue;
     bool writing = false;
@@ -131,7 +122,7 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
         serverExecutor(std::move(server)),
         mainExecutor(std::move(main)),
         callbacks(std::move(c)),
-        acceptor(serverExecutor) {}
+        connections(options.maxConnections) {}
 
   const Options options;
   const asio::any_io_executor serverExecutor;
@@ -141,16 +132,16 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
   std::atomic<std::uint16_t> boundPort{0};
 
   // Touched on the server executor only (and by start() before anything runs there).
-  tcp::acceptor acceptor;
+  std::unique_ptr<transport::Listener> listener;
+  // Every session, departing ones aside: the cap, and the token hashes refused.
+  transport::ConnectionTracker connections;
   // Ordered by arrival, so client lists keep the order in which devices connected.
   std::map<std::uint64_t, SessionPtr> sessions;
   // Refused sessions whose last words are still being written; stop() cuts them off too.
   std::map<std::uint64_t, SessionPtr> departing;
-  std::uint64_t nextSessionId = 0;
   std::shared_ptr<const ByteString> lastConfigFrame;
   // The latest keyframe asked for, by a new session or one that fell behind.
   std::optional<std::chrono::steady_clock::time_point> lastKeyframeRequest;
-  std::unordered_set<std::string> revokedHashes;
   std::unique_ptr<ServiceAdvertiser::Registration> registration;
   bool stopped = false;
 
@@ -167,38 +158,23 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
   std::uint16_t listen() {
     if (options.port < 0 || options.port > 65535)
       throw StreamServerError::invalidPort(options.port);
-    const auto port = static_cast<std::uint16_t>(options.port);
-    error_code ec;
-    auto address = options.bindAddress.value_or(asio::ip::address_v6::any());
-    if (!bindAcceptor(address, port, ec) && !options.bindAddress) {
-      // No IPv6 on this machine: every IPv4 interface instead.
-      address = asio::ip::address_v4::any();
-      bindAcceptor(address, port, ec);
+    transport::Listener::Options listening;
+    listening.port = static_cast<std::uint16_t>(options.port);
+    listening.bindAddress = options.bindAddress;
+    listener = std::make_unique<transport::Listener>(serverExecutor, std::move(listening));
+    try {
+      listener->open();
+    } catch (const transport::ListenError& failure) {
+      throw StreamServerError(failure.what(), failure.code().category().name(),
+                              failure.code().value());
     }
-    if (ec) {
-      error_code ignored;
-      acceptor.close(ignored);
-      throw StreamServerError(ec.message(), ec.category().name(), ec.value());
-    }
-    boundPort = acceptor.local_endpoint().port();
+    boundPort = listener->port();
     asio::post(serverExecutor, [self = shared_from_this()] { self->beginAccepting(); });
     return boundPort;
   }
 
-  bool bindAcceptor(const asio::ip::address& address, std::uint16_t port, error_code& ec) {
-    error_code ignored;
-    acceptor.close(ignored);
-    const tcp::endpoint endpoint(address, port);
-    acceptor.open(endpoint.protocol(), ec);
-    if (!ec && address.is_v6()) acceptor.set_option(asio::ip::v6_only(false), ec);
-    if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
-    if (!ec) acceptor.bind(endpoint, ec);
-    if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
-    return !ec;
-  }
-
   void beginAccepting() {
-    if (stopped || !acceptor.is_open()) return;
+    if (stopped || !listener->isOpen()) return;
     if (options.advertiser != nullptr) {
       registration = options.advertiser->advertise(
           options.serviceName, std::string(OrinScreenStream::bonjourServiceType), boundPort,
@@ -208,39 +184,35 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     if (callbacks.serverStateChanged) {
       onMain([callback = callbacks.serverStateChanged] { callback(std::nullopt); });
     }
-    asio::co_spawn(serverExecutor, acceptLoop(shared_from_this()), asio::detached);
+    listener->accept(
+        [weak = weak_from_this()](int fd) {
+          if (auto self = weak.lock()) {
+            self->admit(fd);
+          } else {
+            ::close(fd);
+          }
+        },
+        [weak = weak_from_this()](const transport::ListenError& failure) {
+          if (auto self = weak.lock()) self->failListener(failure);
+        });
   }
 
-  static asio::awaitable<void> acceptLoop(std::shared_ptr<Core> self) {
-    asio::steady_timer backoff(self->serverExecutor);
-    while (self->acceptor.is_open()) {
-      auto [ec, socket] = co_await self->acceptor.async_accept(asio::as_tuple(asio::use_awaitable));
-      if (!self->acceptor.is_open()) co_return;
-      if (!ec) {
-        self->admit(std::move(socket));
-        continue;
-      }
-      if (isTransientAcceptError(ec)) {
-        backoff.expires_after(acceptBackoff);
-        co_await backoff.async_wait(asio::as_tuple(asio::use_awaitable));
-        continue;
-      }
-      self->failListener(ec);
-      co_return;
-    }
-  }
-
-  void failListener(const error_code& ec) {
-    error_code ignored;
-    acceptor.close(ignored);
+  void failListener(const transport::ListenError& failure) {
     registration.reset();
     if (callbacks.serverStateChanged) {
       onMain([callback = callbacks.serverStateChanged,
-              text = std::string(serverFailedPrefix) + ec.message()] { callback(text); });
+              text = std::string(serverFailedPrefix) + failure.what()] { callback(text); });
     }
   }
 
-  void admit(tcp::socket socket) {
+  void admit(int fd) {
+    tcp::socket socket(serverExecutor);
+    error_code assignError;
+    socket.assign(listener->protocol(), fd, assignError);
+    if (assignError) {
+      ::close(fd);
+      return;
+    }
     // Frames are written as they come; none may wait for the previous one's acknowledgement.
     error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
@@ -249,7 +221,12 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     // low makes a send complete only as the client reads.
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &maxUnsentBytes,
                  sizeof maxUnsentBytes);
-    auto session = std::make_shared<Session>(std::move(socket), nextSessionId++);
+    auto session = std::make_shared<Session>(std::move(socket), 0);
+    session->id = connections.add([weakSelf = weak_from_this(), weak = std::weak_ptr(session)] {
+      auto self = weakSelf.lock();
+      auto s = weak.lock();
+      if (self && s) self->close(s);
+    });
     sessions.emplace(session->id, session);
     session->timer.expires_after(options.helloTimeout);
     session->timer.async_wait(
@@ -427,11 +404,11 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
   void acceptClient(const SessionPtr& session, const std::string& token) {
     std::string hash = tokenHash(token);
     if (session->isStreaming || session->didClose) return;
-    if (revokedHashes.contains(hash)) {
+    if (!connections.authenticate(session->id, std::move(hash))) {
       close(session);
       return;
     }
-    session->tokenHash = std::move(hash);
+    connections.settle(session->id);
     session->isStreaming = true;
     session->waitingForKeyframe = true;
     auto accepted = control(Kind::accepted);
@@ -608,9 +585,12 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
 
   void shutDownSending(const SessionPtr& session) {
     session->closingAfterWrites = false;
-    error_code ec;
-    session->socket.shutdown(tcp::socket::shutdown_send, ec);
-    if (ec) closeSocket(session);
+    transport::lingerClose(session->socket, session->timer,
+                           [weakSelf = weak_from_this(), weak = std::weak_ptr(session)] {
+                             auto self = weakSelf.lock();
+                             auto s = weak.lock();
+                             if (self && s) self->closeSocket(s);
+                           });
   }
 
   void close(const SessionPtr& session) {
@@ -624,6 +604,7 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     const bool wasStreaming = session->isStreaming;
     session->isStreaming = false;
     sessions.erase(session->id);
+    connections.remove(session->id);
     if (wasStreaming) notifyClientsChanged();
   }
 
@@ -640,8 +621,7 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
   void stop() {
     if (stopped) return;
     stopped = true;
-    error_code ignored;
-    acceptor.close(ignored);
+    if (listener) listener->close();
     registration.reset();
     auto open = std::move(sessions);
     sessions.clear();
@@ -652,20 +632,11 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
       session->isStreaming = false;
       closeSocket(session);
     }
+    connections.closeAll();
     lastConfigFrame.reset();
     if (callbacks.clientsChanged) {
       onMain([callback = callbacks.clientsChanged] { callback({}); });
     }
-  }
-
-  void revoke(const std::string& hash) {
-    revokedHashes.insert(hash);
-    std::vector<SessionPtr> matching;
-    for (const auto& [id, session] : sessions) {
-      if (session->tokenHash == hash) matching.push_back(session);
-    }
-    for (const auto& session : matching)
-      close(session);
   }
 
   std::vector<SessionStatistics> snapshot() const {
@@ -745,7 +716,7 @@ void ScreenStreamServer::broadcastError(std::string text) {
 
 void ScreenStreamServer::revoke(std::string tokenHash) {
   asio::post(core_->serverExecutor,
-             [core = core_, hash = std::move(tokenHash)] { core->revoke(hash); });
+             [core = core_, hash = std::move(tokenHash)] { core->connections.revoke(hash); });
 }
 
 std::uint16_t ScreenStreamServer::port() const {

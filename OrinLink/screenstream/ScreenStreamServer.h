@@ -16,6 +16,7 @@
 
 #include "OrinLink/screenstream/EncodedVideoFrame.h"
 #include "OrinLink/server/ServiceAdvertiser.h"
+#include "OrinLink/transport/ConnectionTracker.h"
 #include "OrinLinkShared/Error.h"
 #include "OrinLinkShared/ScreenStream.h"
 
@@ -75,6 +76,8 @@ class ScreenStreamServer {
     std::optional<boost::asio::ip::address> bindAddress;
     ServiceAdvertiser* advertiser = nullptr;
     std::chrono::steady_clock::duration helloTimeout = std::chrono::seconds(10);
+    // Open sessions at most; at the cap the oldest without a finished handshake makes room.
+    std::size_t maxConnections = transport::ConnectionTracker::defaultCap;
     // Clients that keep falling behind get a fresh keyframe this often at most, however many
     // they are: each one costs every client bandwidth and the encoder time.
     std::chrono::steady_clock::duration keyframeRecoverySpacing = std::chrono::seconds(1);

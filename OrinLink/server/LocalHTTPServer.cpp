@@ -1,12 +1,8 @@
 #include "OrinLink/server/LocalHTTPServer.h"
 
 #include <array>
-#include <cerrno>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <unordered_map>
-#include <unordered_set>
-#include <vector>
 
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/bind_cancellation_slot.hpp>
@@ -15,7 +11,6 @@
 #include <boost/asio/detached.hpp>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -24,6 +19,8 @@
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/http/HTTPParser.h"
 #include "OrinLink/pairing/TokenHash.h"
+#include "OrinLink/transport/Linger.h"
+#include "OrinLink/transport/Listener.h"
 #include "OrinLinkShared/AIRecords.h"
 
 namespace orin {
@@ -35,10 +32,7 @@ using boost::system::error_code;
 namespace {
 
 constexpr std::size_t readChunkBytes = 64 * 1024;
-constexpr auto lingerTime = std::chrono::seconds(1);
 constexpr std::size_t lingerMaxBytes = 4 * 1024 * 1024;
-// Connections accepted per wake-up of the accept loop.
-constexpr int acceptBatch = 64;
 
 }  // namespace
 
@@ -79,14 +73,16 @@ struct HandlerCancellation {
 
 struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   struct Connection {
-    Connection(tcp::socket s, asio::any_io_executor main)
-        : socket(std::move(s)), lingerTimer(socket.get_executor()), mainExecutor(std::move(main)) {}
-    tcp::socket socket;
+    Connection(std::unique_ptr<transport::ByteStream> s, asio::any_io_executor main)
+        : stream(std::move(s)),
+          lingerTimer(stream->get_executor()),
+          mainExecutor(std::move(main)) {}
+    std::unique_ptr<transport::ByteStream> stream;
     asio::steady_timer lingerTimer;
     asio::any_io_executor mainExecutor;
     asio::cancellation_signal cancellation;
     std::shared_ptr<HandlerCancellation> handler;
-    std::optional<std::string> tokenHash;
+    transport::ConnectionTracker::Id id = 0;
     bool cancelled = false;
     // The peer shut down its sending side after its request; it still reads the reply.
     bool peerFinished = false;
@@ -96,7 +92,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     void close() {
       cancelled = true;
       error_code ignored;
-      socket.close(ignored);
+      stream->close(ignored);
     }
 
     void cancel() {
@@ -110,7 +106,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       cancellation.emit(asio::cancellation_type::terminal);
       lingerTimer.cancel();
       error_code ignored;
-      socket.close(ignored);
+      stream->close(ignored);
     }
   };
 
@@ -119,8 +115,16 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
         serverExecutor(std::move(server)),
         mainExecutor(std::move(main)),
         handler(std::move(h)),
-        acceptor(serverExecutor),
+        listener(serverExecutor, listening(options)),
+        connections(options.maxConnections),
         port(options.port) {}
+
+  static transport::Listener::Options listening(const Options& options) {
+    transport::Listener::Options l;
+    l.port = options.port;
+    l.bindAddress = options.bindAddress;
+    return l;
+  }
 
   Options options;
   asio::any_io_executor serverExecutor;
@@ -130,13 +134,10 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   StateChanged stateChanged;
 
   // Touched on the server executor only.
-  tcp::acceptor acceptor;
-  tcp protocol = tcp::v6();
+  transport::Listener listener;
   // Where requests are received before their connection has a coroutine of its own.
   std::unique_ptr<char[]> scratch = std::make_unique_for_overwrite<char[]>(readChunkBytes);
-  std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connections;
-  std::unordered_set<std::string> revokedHashes;
-  std::uint64_t nextConnectionId = 0;
+  transport::ConnectionTracker connections;
   std::unique_ptr<ServiceAdvertiser::Registration> registration;
 
   std::atomic<bool> running{false};
@@ -149,77 +150,35 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   }
 
   void listen() {
-    error_code ec;
-    const auto address = options.bindAddress.value_or(asio::ip::address_v6::any());
-    const tcp::endpoint endpoint(address, options.port);
-    acceptor.open(endpoint.protocol(), ec);
-    if (!ec && address.is_v6()) acceptor.set_option(asio::ip::v6_only(false), ec);
-    if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
-    if (!ec) acceptor.bind(endpoint, ec);
-    if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
-    if (!ec) acceptor.non_blocking(true, ec);
-    if (ec && !options.bindAddress && address.is_v6()) {
-      // No IPv6 on this machine: fall back to IPv4 on every interface.
-      options.bindAddress = asio::ip::address_v4::any();
-      error_code ignored;
-      acceptor.close(ignored);
-      listen();
-      return;
-    }
-    if (ec) {
-      error_code ignored;
-      acceptor.close(ignored);
+    try {
+      listener.open();
+    } catch (const transport::ListenError& failure) {
       running = false;
-      notify(false, ec.message());
+      notify(false, failure.description());
       return;
     }
-    port = acceptor.local_endpoint().port();
-    protocol = endpoint.protocol();
+    port = listener.port();
     running = true;
     if (options.advertiser != nullptr) {
       registration = options.advertiser->advertise(options.serviceName, std::string(serviceType),
                                                    port, {{"api", "1"}});
     }
     notify(true, std::nullopt);
-    asio::co_spawn(serverExecutor, acceptLoop(shared_from_this()), asio::detached);
-  }
-
-  // Accepts in batches with accept4, and answers a request that is already complete on arrival
-  // and needs nothing from the main loop on the bare descriptor: receive, send, close, and the
-  // connection never meets the reactor. Everything else becomes a socket with a coroutine.
-  static asio::awaitable<void> acceptLoop(std::shared_ptr<Core> self) {
-    asio::steady_timer backoff(self->serverExecutor);
-    bool drained = true;
-    while (self->acceptor.is_open()) {
-      // Readiness is reported once per change, so the queue is emptied before waiting again; a
-      // long queue is worked through in batches, letting other connections run in between.
-      if (drained) {
-        auto [waitError] = co_await self->acceptor.async_wait(tcp::acceptor::wait_read,
-                                                              asio::as_tuple(asio::use_awaitable));
-        if (waitError == asio::error::operation_aborted || !self->acceptor.is_open()) co_return;
-      } else {
-        co_await asio::post(self->serverExecutor, asio::use_awaitable);
-      }
-      drained = false;
-      bool exhausted = false;
-      for (int accepted = 0; accepted < acceptBatch && self->acceptor.is_open(); ++accepted) {
-        const int fd = ::accept4(self->acceptor.native_handle(), nullptr, nullptr,
-                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd >= 0) {
-          self->admit(fd);
-          continue;
-        }
-        if (errno == EINTR || errno == ECONNABORTED) continue;
-        drained = true;
-        exhausted = errno != EAGAIN && errno != EWOULDBLOCK;
-        break;
-      }
-      if (exhausted) {
-        // Out of descriptors and the like: pause instead of spinning.
-        backoff.expires_after(std::chrono::milliseconds(50));
-        co_await backoff.async_wait(asio::as_tuple(asio::use_awaitable));
-      }
-    }
+    listener.accept(
+        [weak = weak_from_this()](int fd) {
+          if (auto self = weak.lock()) {
+            self->admit(fd);
+          } else {
+            ::close(fd);
+          }
+        },
+        [weak = weak_from_this()](const transport::ListenError& failure) {
+          auto self = weak.lock();
+          if (!self) return;
+          self->running = false;
+          self->registration.reset();
+          self->notify(false, failure.description());
+        });
   }
 
   // What was read, and maybe answered, before the connection became a socket.
@@ -229,6 +188,9 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     std::string unsentReply;
   };
 
+  // Answers a request that is already complete on arrival and needs nothing from the main loop
+  // on the bare descriptor: receive, send, close, and the connection never meets the reactor.
+  // Everything else becomes a socket with a coroutine.
   void admit(int fd) {
     Arrival arrival;
     const ssize_t received = ::recv(fd, scratch.get(), readChunkBytes, 0);
@@ -242,14 +204,18 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     }
     tcp::socket socket(serverExecutor);
     error_code ec;
-    socket.assign(protocol, fd, ec);
+    socket.assign(listener.protocol(), fd, ec);
     if (ec) {
       ::close(fd);
       return;
     }
-    const std::uint64_t id = nextConnectionId++;
-    auto connection = std::make_shared<Connection>(std::move(socket), mainExecutor);
-    connections.emplace(id, connection);
+    auto stream = options.openStream ? options.openStream(std::move(socket))
+                                     : std::make_unique<transport::SocketStream>(std::move(socket));
+    auto connection = std::make_shared<Connection>(std::move(stream), mainExecutor);
+    const auto id = connections.add([weak = std::weak_ptr(connection)] {
+      if (auto c = weak.lock()) c->cancel();
+    });
+    connection->id = id;
     // Started from a handler of its own rather than inside the accept loop's coroutine: its
     // request may be handled, and the connection cancelled, before it first waits.
     asio::post(serverExecutor,
@@ -258,7 +224,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
                                 asio::bind_cancellation_slot(
                                     connection->cancellation.slot(),
                                     [weak = self->weak_from_this(), id](std::exception_ptr) {
-                                      if (auto owner = weak.lock()) owner->connections.erase(id);
+                                      if (auto owner = weak.lock()) owner->connections.remove(id);
                                     }));
                });
   }
@@ -267,7 +233,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   bool answerOnArrival(int fd, Arrival& arrival) {
     if (!immediateHandler) return false;
     if (auto token = arrival.request->bearerToken();
-        token && revokedHashes.contains(tokenHash(*token))) {
+        token && connections.isRevoked(tokenHash(*token))) {
       ::close(fd);
       return true;
     }
@@ -306,7 +272,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     // Left uninitialised: most requests fill a few hundred bytes of it.
     const auto buffer = std::make_unique_for_overwrite<char[]>(readChunkBytes);
     while (true) {
-      auto [ec, received] = co_await connection->socket.async_read_some(
+      auto [ec, received] = co_await connection->stream->async_read_some(
           asio::buffer(buffer.get(), readChunkBytes), asio::as_tuple(asio::use_awaitable));
       if (connection->cancelled) co_return;
       // Every awaited call is made in a statement of its own: GCC 12 destroys temporaries that
@@ -345,14 +311,12 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   static asio::awaitable<void> handle(std::shared_ptr<Core> self,
                                       std::shared_ptr<Connection> connection, HTTPRequest request,
                                       bool readToTheEnd) {
-    if (auto token = request.bearerToken()) {
-      std::string hash = tokenHash(*token);
-      if (self->revokedHashes.contains(hash)) {
-        // Not cancel(): a coroutine cancelled while it runs throws from Asio's own frame.
-        connection->close();
-        co_return;
-      }
-      connection->tokenHash = std::move(hash);
+    self->connections.settle(connection->id);
+    if (auto token = request.bearerToken();
+        token && !self->connections.authenticate(connection->id, tokenHash(*token))) {
+      // Not cancel(): a coroutine cancelled while it runs throws from Asio's own frame.
+      connection->close();
+      co_return;
     }
     if (self->immediateHandler) {
       if (std::optional<std::string> answer = self->immediateHandler(request)) {
@@ -365,7 +329,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     // Started once this coroutine waits, so the main loop is woken first; the watcher's first
     // read finds nothing anyway.
     asio::post(self->serverExecutor, [connection] {
-      asio::co_spawn(connection->socket.get_executor(), watchPeer(connection), asio::detached);
+      asio::co_spawn(connection->stream->get_executor(), watchPeer(connection), asio::detached);
     });
     auto cancellation = std::make_shared<HandlerCancellation>();
     connection->handler = cancellation;
@@ -418,7 +382,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   static asio::awaitable<void> watchPeer(std::shared_ptr<Connection> connection) {
     std::array<char, 4096> sink{};
     while (!connection->cancelled) {
-      auto [ec, n] = co_await connection->socket.async_read_some(
+      auto [ec, n] = co_await connection->stream->async_read_some(
           asio::buffer(sink), asio::as_tuple(asio::use_awaitable));
       (void)n;
       if (ec == asio::error::eof && !connection->replied) {
@@ -441,23 +405,19 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       return;
     }
     connection->replied = true;
-    error_code ec;
-    connection->socket.shutdown(tcp::socket::shutdown_send, ec);
-    if (ec) {
-      connection->cancel();
-      return;
-    }
-    connection->lingerTimer.expires_after(lingerTime);
-    connection->lingerTimer.async_wait([weak = std::weak_ptr<Connection>(connection)](error_code) {
-      if (auto c = weak.lock()) c->cancel();
-    });
+    transport::lingerClose(*connection->stream, connection->lingerTimer,
+                           [weak = std::weak_ptr(connection)] {
+                             if (auto c = weak.lock()) c->cancel();
+                           });
   }
 
-  // Coroutine parameters are values: a reference could outlive what it refers to.
+  // Coroutine parameters are values: a reference could outlive what it refers to. A peer that
+  // cannot be written to gets no linger.
   static asio::awaitable<bool> write(std::shared_ptr<Connection> connection, std::string bytes) {
-    auto [ec, written] = co_await asio::async_write(connection->socket, asio::buffer(bytes),
+    auto [ec, written] = co_await asio::async_write(*connection->stream, asio::buffer(bytes),
                                                     asio::as_tuple(asio::use_awaitable));
     (void)written;
+    if (ec) connection->close();
     co_return !ec && !connection->cancelled;
   }
 
@@ -478,7 +438,7 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
                                                 TextChunkStream stream) {
     // Tokens leave one write at a time; none may wait for the previous one's acknowledgement.
     error_code ignored;
-    connection->socket.set_option(tcp::no_delay(true), ignored);
+    connection->stream->lowest_layer().set_option(tcp::no_delay(true), ignored);
     auto writingHead = write(connection, std::string(eventStreamHead));
     const bool headWritten = co_await std::move(writingHead);
     if (!headWritten) co_return;
@@ -511,47 +471,25 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     }
   }
 
+  // Only the socket is closed at the deadline: the coroutine that drains is the one to cancel.
   static asio::awaitable<void> linger(std::shared_ptr<Connection> connection) {
-    error_code ec;
-    connection->socket.shutdown(tcp::socket::shutdown_send, ec);
-    if (ec) co_return;
-    asio::steady_timer deadline(connection->socket.get_executor());
-    deadline.expires_after(lingerTime);
-    deadline.async_wait([weak = std::weak_ptr<Connection>(connection)](error_code waitError) {
-      if (auto c = weak.lock(); c && !waitError) {
-        error_code ignored;
-        c->socket.close(ignored);
-      }
-    });
-    std::vector<char> sink(readChunkBytes);
-    std::size_t drained = 0;
-    while (drained < lingerMaxBytes) {
-      auto [readError, n] = co_await connection->socket.async_read_some(
-          asio::buffer(sink), asio::as_tuple(asio::use_awaitable));
-      if (readError) break;
-      drained += n;
-    }
-    deadline.cancel();
+    transport::lingerClose(*connection->stream, connection->lingerTimer,
+                           [weak = std::weak_ptr(connection)] {
+                             if (auto c = weak.lock()) {
+                               error_code ignored;
+                               c->stream->close(ignored);
+                             }
+                           });
+    if (!connection->stream->is_open()) co_return;
+    auto draining = transport::drain(connection, *connection->stream, lingerMaxBytes);
+    co_await std::move(draining);
+    connection->lingerTimer.cancel();
   }
 
   void stopOnExecutor() {
-    error_code ignored;
-    acceptor.close(ignored);
+    listener.close();
     registration.reset();
-    auto open = std::move(connections);
-    connections.clear();
-    for (auto& [id, connection] : open)
-      connection->cancel();
-  }
-
-  void revokeOnExecutor(const std::string& hash) {
-    revokedHashes.insert(hash);
-    std::vector<std::shared_ptr<Connection>> matching;
-    for (const auto& [id, connection] : connections) {
-      if (connection->tokenHash == hash) matching.push_back(connection);
-    }
-    for (const auto& connection : matching)
-      connection->cancel();
+    connections.closeAll();
   }
 };
 
@@ -575,7 +513,7 @@ void LocalHTTPServer::setImmediateHandler(ImmediateHandler handler) {
 void LocalHTTPServer::start() {
   if (core_->running) return;
   asio::post(core_->serverExecutor, [core = core_] {
-    if (!core->acceptor.is_open()) core->listen();
+    if (!core->listener.isOpen()) core->listen();
   });
 }
 
@@ -586,7 +524,7 @@ void LocalHTTPServer::stop() {
 
 void LocalHTTPServer::revoke(std::string tokenHash) {
   asio::post(core_->serverExecutor,
-             [core = core_, hash = std::move(tokenHash)] { core->revokeOnExecutor(hash); });
+             [core = core_, hash = std::move(tokenHash)] { core->connections.revoke(hash); });
 }
 
 bool LocalHTTPServer::isRunning() const {

@@ -10,9 +10,12 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/ip/address.hpp>
+#include <boost/asio/ip/tcp.hpp>
 
 #include "OrinLink/http/HTTPMessage.h"
 #include "OrinLink/server/ServiceAdvertiser.h"
+#include "OrinLink/transport/ByteStream.h"
+#include "OrinLink/transport/ConnectionTracker.h"
 
 namespace orin {
 
@@ -39,6 +42,10 @@ class LocalHTTPServer {
     std::optional<boost::asio::ip::address> bindAddress;
     std::string serviceName = std::string(defaultServiceName);
     ServiceAdvertiser* advertiser = nullptr;
+    // Open connections at most; at the cap the oldest without a whole request makes room.
+    std::size_t maxConnections = transport::ConnectionTracker::defaultCap;
+    // What a connection is served over; unset, its socket. Tests put faults in it.
+    std::function<std::unique_ptr<transport::ByteStream>(boost::asio::ip::tcp::socket)> openStream;
   };
 
   LocalHTTPServer(Options options, boost::asio::any_io_executor serverExecutor,

@@ -148,7 +148,8 @@ OrinScreenVideoConfig config(std::int64_t width) {
 // A server on loopback port 0 whose callbacks record what they see, and real clients.
 class ScreenStreamServerTest : public testing::Test {
  protected:
-  void startServer(std::chrono::milliseconds helloTimeout = 10s) {
+  void startServer(std::chrono::milliseconds helloTimeout = 10s,
+                   std::size_t maxConnections = transport::ConnectionTracker::defaultCap) {
     ScreenStreamServer::Options options;
     options.port = 0;
     options.httpPort = 38141;
@@ -157,6 +158,7 @@ class ScreenStreamServerTest : public testing::Test {
     options.bindAddress = asio::ip::address_v4::loopback();
     options.advertiser = &advertiser_;
     options.helloTimeout = helloTimeout;
+    options.maxConnections = maxConnections;
     options.keyframeRecoverySpacing = {};
     server_ = std::make_unique<ScreenStreamServer>(options, serverLoop_.executor(),
                                                    mainLoop_.executor(), callbacks());
@@ -435,6 +437,18 @@ TEST_F(ScreenStreamServerTest, DropsClientsThatNeverSayHello) {
   EXPECT_TRUE(silent->waitUntilClosed(patience));
   // Its own time-out began earlier and has passed too.
   expectResponsive(*greeted);
+}
+
+// The cap spares streaming sessions and pushes out the oldest that has not finished its handshake.
+TEST_F(ScreenStreamServerTest, FloodsOfSilentClientsGiveWayToHandshakes) {
+  startServer(10s, 4);
+  auto streaming = streamingClient("Headset", "known");
+  std::vector<std::unique_ptr<ScreenStreamClient>> silent;
+  for (int i = 0; i < 12; ++i)
+    silent.push_back(connect());
+  auto late = streamingClient("Late", "known-late");
+  EXPECT_TRUE(silent.front()->waitUntilClosed(patience));
+  expectResponsive(*streaming);
 }
 
 TEST_F(ScreenStreamServerTest, ShapeAndPortalRequestsCountOnlyFromStreamingClients) {
