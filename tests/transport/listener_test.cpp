@@ -67,6 +67,11 @@ int acceptAfterRunningOutOfDescriptors() {
 }
 
 TEST(ListenerTest, PausesWhileOutOfDescriptorsAndResumesAfter) {
+#if defined(__SANITIZE_ADDRESS__)
+  // The sanitizers check memory through a pipe of their own, and report every object as invalid
+  // once the descriptors are gone.
+  GTEST_SKIP() << "needs the descriptors a sanitizer runtime uses";
+#endif
   GTEST_FLAG_SET(death_test_style, "fast");
   EXPECT_EXIT(std::_Exit(acceptAfterRunningOutOfDescriptors()), testing::ExitedWithCode(0), "");
 }
