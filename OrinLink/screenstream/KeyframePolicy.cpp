@@ -23,7 +23,11 @@ bool KeyframePolicy::forceFrame(std::uint64_t time) {
   previousFrame_ = time;
   recentLongestGap_ = std::max(gap, recentLongestGap_ - recentLongestGap_ / 32);
   const std::uint64_t latest = recentLongestGap_ + recentLongestGap_ / 2;
-  if (time - *lastKeyframe_ + latest > maxInterval_) force = true;
+  // Frames slowed down by load would otherwise all become keyframes, each costing twice a
+  // predicted one and slowing the next ones further; from half the bound on, the prediction
+  // decides.
+  const std::uint64_t sinceKeyframe = time - *lastKeyframe_;
+  if (sinceKeyframe + latest > maxInterval_ && 2 * sinceKeyframe >= maxInterval_) force = true;
   if (force) lastKeyframe_ = time;
   return force;
 }

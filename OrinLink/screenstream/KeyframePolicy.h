@@ -8,8 +8,9 @@ namespace orin::screen {
 
 // Which submitted frames must be coded as IDR pictures: the next one after a request (requests
 // made before it count once), and the last frame before the gap since the previous keyframe
-// would exceed `maxInterval` of presentation time. The encoder's own keyframe interval counts
-// frames, which stretch in time when frames are dropped under load.
+// would exceed `maxInterval` of presentation time, but not within half of it, so that a slow
+// stream is not all keyframes. The encoder's own keyframe interval counts frames, which stretch
+// in time when frames are dropped under load.
 class KeyframePolicy {
  public:
   KeyframePolicy(std::uint64_t maxIntervalMicroseconds, int framesPerSecond);
