@@ -16,17 +16,24 @@
 
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/http/RouteTable.h"
+#include "OrinLink/pairing/TokenHash.h"
 #include "OrinLinkShared/ToolCallParser.h"
 
 namespace orin {
 
 namespace asio = boost::asio;
 
-// What the server's thread needs to answer /health without the main loop: the serialized reply,
-// republished when the active model changes, and a gate that keeps it from asking the main loop
-// for a warm-up while one would be refused for spacing anyway.
-struct AIService::HealthBoard {
-  std::atomic<std::shared_ptr<const std::string>> reply;
+// What the server's thread reads instead of asking the main loop, republished there whenever it
+// changes; and a gate that keeps /health from asking for a warm-up while one would be refused
+// for spacing anyway.
+struct AIService::Board {
+  struct Facts {
+    std::string healthReply;
+    std::string activeModel;
+    std::vector<AIServiceHost::Credential> devices;
+    OllamaRuntime relayRuntime;
+  };
+  std::atomic<std::shared_ptr<const Facts>> facts;
   std::atomic<bool> warmPending{false};
   std::atomic<std::chrono::steady_clock::rep> noWarmBefore{0};
 };
@@ -107,24 +114,37 @@ class GenerationTally {
   bool posted_ = false;
 };
 
+ModelGenerateRequest modelRequest(const OrinLinkGenerateRequest& generate,
+                                  const std::string& activeModel) {
+  return {generate.prompt, generate.model.value_or(activeModel), generate.temperature.value_or(0.7),
+          generate.think.value_or(false)};
+}
+
 struct RelayCancellation {
   asio::cancellation_signal signal;
   bool finished = false;  // the relay's loop only
 };
 
-void applyTally(AIServiceHost& host, GenerationTally& tally, const std::optional<Uuid>& entry,
-                Date start) {
-  const auto taken = tally.take();
-  if (taken.count == taken.before) return;
-  if (entry) host.appendConversationToken(taken.text, *entry);
-  // The rate is refreshed every eighth token.
-  if (taken.count / 8 > taken.before / 8) {
-    const double elapsed = std::max(host.now().secondsSince(start), 0.05);
-    host.noteTokenRate(static_cast<double>(taken.count / 8 * 8) / elapsed);
-  }
-}
-
 }  // namespace
+
+// One streamed reply's bookkeeping. The tally is filled on the relay's loop; the rest is the main
+// loop's, set there before any of the tally is taken.
+struct AIService::Generation {
+  GenerationTally tally;
+  std::optional<Uuid> entry;
+  Date start{0};
+
+  void apply(AIServiceHost& host) {
+    const auto taken = tally.take();
+    if (taken.count == taken.before) return;
+    if (entry) host.appendConversationToken(taken.text, *entry);
+    // The rate is refreshed every eighth token.
+    if (taken.count / 8 > taken.before / 8) {
+      const double elapsed = std::max(host.now().secondsSince(start), 0.05);
+      host.noteTokenRate(static_cast<double>(taken.count / 8 * 8) / elapsed);
+    }
+  }
+};
 
 std::shared_ptr<AIService> AIService::make(AIServiceHost& host, asio::any_io_executor mainExecutor,
                                            asio::any_io_executor relayExecutor) {
@@ -137,8 +157,8 @@ AIService::AIService(AIServiceHost& host, asio::any_io_executor mainExecutor,
     : host_(host),
       main_(std::move(mainExecutor)),
       relay_(std::move(relayExecutor)),
-      health_(std::make_shared<HealthBoard>()) {
-  publishHealth(host_.statusFacts().activeModel);
+      board_(std::make_shared<Board>()) {
+  republish();
 }
 
 asio::awaitable<HTTPHandlerResult> AIService::route(HTTPRequest request) {
@@ -217,17 +237,12 @@ asio::awaitable<HTTPHandlerResult> AIService::models(HTTPRequest, std::string) {
       HTTPStatus::ok, "OK"));
 }
 
-ModelGenerateRequest AIService::modelRequest(const OrinLinkGenerateRequest& generate) const {
-  return {generate.prompt, generate.model.value_or(host_.statusFacts().activeModel),
-          generate.temperature.value_or(0.7), generate.think.value_or(false)};
-}
-
 asio::awaitable<HTTPHandlerResult> AIService::generate(HTTPRequest request, std::string device) {
   const auto generate = decodeJSON<OrinLinkGenerateRequest>(request.body);
   host_.noteRequestedModel(generate.model);
   host_.noteGenerationStarted(device);
   const Date start = host_.now();
-  const ModelGenerateRequest upstream = modelRequest(generate);
+  const ModelGenerateRequest upstream = modelRequest(generate, host_.statusFacts().activeModel);
   OllamaRuntime client = host_.runtimeOn(main_);
   std::string text;
   std::exception_ptr failure;
@@ -272,19 +287,61 @@ asio::awaitable<HTTPHandlerResult> AIService::generate(HTTPRequest request, std:
 asio::awaitable<HTTPHandlerResult> AIService::generateStream(HTTPRequest request,
                                                              std::string device) {
   const auto generate = decodeJSON<OrinLinkGenerateRequest>(request.body);
-  host_.noteRequestedModel(generate.model);
-  host_.noteGenerationStarted(device);
-  const auto entry = host_.beginConversationEntry(generate.prompt, device);
-  const Date start = host_.now();
+  auto generation = std::make_shared<Generation>();
+  beginGeneration(*generation, generate, device);
+  co_return HTTPHandlerResult::eventStream(
+      relay(host_.runtimeOn(relay_), modelRequest(generate, host_.statusFacts().activeModel),
+            std::move(generation)));
+}
 
+// The first token's path: a paired device's request goes upstream from here, without waiting
+// for the main loop. Anything else (an unknown token, a body that does not decode) is left to
+// the main loop, which gives the usual reply.
+std::optional<TextChunkStream> AIService::generateStreamAtOnce(const HTTPRequest& request) {
+  const auto token = request.bearerToken();
+  if (!token || token->empty()) return std::nullopt;
+  const auto facts = board_->facts.load();
+  const std::string hash = tokenHash(*token);
+  const auto device = std::find_if(
+      facts->devices.begin(), facts->devices.end(),
+      [&](const AIServiceHost::Credential& c) { return sameTokenHash(c.tokenHash, hash); });
+  if (device == facts->devices.end()) return std::nullopt;
+  std::optional<OrinLinkGenerateRequest> generate;
+  try {
+    generate = decodeJSON<OrinLinkGenerateRequest>(request.body);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+  auto generation = std::make_shared<Generation>();
+  auto chunks = relay(facts->relayRuntime, modelRequest(*generate, facts->activeModel), generation);
+  asio::post(main_, [weak = weak_from_this(), generation, token, generate = std::move(*generate),
+                     name = device->deviceName] {
+    auto self = weak.lock();
+    if (!self) return;
+    // Records the device as seen.
+    const auto current = self->host_.authenticate(token);
+    self->beginGeneration(*generation, generate, current.value_or(name));
+  });
+  return chunks;
+}
+
+void AIService::beginGeneration(Generation& generation, const OrinLinkGenerateRequest& request,
+                                const std::string& device) {
+  host_.noteRequestedModel(request.model);
+  host_.noteGenerationStarted(device);
+  generation.entry = host_.beginConversationEntry(request.prompt, device);
+  generation.start = host_.now();
+}
+
+// Tokens are read upstream and relayed on the server's own loop, where the device's socket is
+// written, so a token crosses no thread; the bookkeeping follows on the main loop, where the
+// generation has begun before any hand-off arrives.
+TextChunkStream AIService::relay(OllamaRuntime upstreamClient, ModelGenerateRequest request,
+                                 std::shared_ptr<Generation> generation) {
   auto made = TextChunkStream::make();
   TextChunkStream chunks = std::move(made.first);
   const TextChunkStream::Continuation continuation = made.second;
-  // Tokens are read upstream and relayed on the server's own loop, where the device's socket is
-  // written, so a token crosses no thread; the bookkeeping follows on the main loop.
   const asio::any_io_executor relay = relay_;
-  OllamaRuntime upstreamClient = host_.runtimeOn(relay);
-  auto tally = std::make_shared<GenerationTally>();
   // The device going away cancels the relay, which cancels the runtime's stream and so the
   // request upstream. Emitted on the relay's loop, and only while the relay runs.
   auto cancel = std::make_shared<RelayCancellation>();
@@ -297,12 +354,12 @@ asio::awaitable<HTTPHandlerResult> AIService::generateStream(HTTPRequest request
   asio::co_spawn(
       relay,
       [weak = weak_from_this(), main = main_, relay,
-       upstream = upstreamClient.stream(modelRequest(generate)), continuation, entry, start, cancel,
-       tally]() mutable -> asio::awaitable<void> {
+       upstream = upstreamClient.stream(std::move(request)), continuation, cancel,
+       generation]() mutable -> asio::awaitable<void> {
         std::exception_ptr failure;
-        const auto handOff = [weak, main, tally, entry, start] {
-          asio::post(main, [weak, tally, entry, start] {
-            if (auto self = weak.lock()) applyTally(self->host_, *tally, entry, start);
+        const auto handOff = [weak, main, generation] {
+          asio::post(main, [weak, generation] {
+            if (auto self = weak.lock()) generation->apply(self->host_);
           });
         };
         // Waking the main loop costs the relay's thread more than a token does, so tokens reach
@@ -313,7 +370,7 @@ asio::awaitable<HTTPHandlerResult> AIService::generateStream(HTTPRequest request
           while (true) {
             std::optional<std::string> token = co_await upstream.next(asio::use_awaitable);
             if (!token) break;
-            const bool handOffNeeded = tally->add(*token);
+            const bool handOffNeeded = generation->tally.add(*token);
             continuation.yield(std::move(*token));
             if (!handOffNeeded) continue;
             const auto now = std::chrono::steady_clock::now();
@@ -333,12 +390,12 @@ asio::awaitable<HTTPHandlerResult> AIService::generateStream(HTTPRequest request
           failure = std::current_exception();
         }
         cancel->finished = true;
-        asio::post(main, [weak, tally, entry, start] {
+        asio::post(main, [weak, generation] {
           auto self = weak.lock();
           if (!self) return;
-          applyTally(self->host_, *tally, entry, start);
-          if (entry) self->host_.completeConversationEntry(*entry);
-          self->host_.endGeneration(tally->total(), start);
+          generation->apply(self->host_);
+          if (generation->entry) self->host_.completeConversationEntry(*generation->entry);
+          self->host_.endGeneration(generation->tally.total(), generation->start);
         });
         if (failure) {
           continuation.finish(failure);
@@ -347,35 +404,47 @@ asio::awaitable<HTTPHandlerResult> AIService::generateStream(HTTPRequest request
         }
       },
       asio::bind_cancellation_slot(cancel->signal.slot(), asio::detached));
-  co_return HTTPHandlerResult::eventStream(std::move(chunks));
+  return chunks;
 }
 
-void AIService::publishHealth(const std::string& activeModel) {
-  health_->reply = std::make_shared<const std::string>(healthResponse(activeModel).serialized());
+void AIService::republish() {
+  const std::string activeModel = host_.statusFacts().activeModel;
+  board_->facts = std::make_shared<const Board::Facts>(
+      Board::Facts{healthResponse(activeModel).serialized(), activeModel, host_.pairedDevices(),
+                   host_.runtimeOn(relay_)});
 }
 
 void AIService::warmUp() {
   const auto wait = host_.requestWarmUp();
   if (wait > std::chrono::steady_clock::duration::zero()) {
-    health_->noWarmBefore = (std::chrono::steady_clock::now() + wait).time_since_epoch().count();
+    board_->noWarmBefore = (std::chrono::steady_clock::now() + wait).time_since_epoch().count();
   }
 }
 
-std::function<std::optional<std::string>(const HTTPRequest&)> AIService::immediateHandler() {
-  return [weak = weak_from_this(), board = health_,
-          main = main_](const HTTPRequest& request) -> std::optional<std::string> {
-    if (request.method != "GET" || routingPath(request.path) != "/health") return std::nullopt;
+std::function<std::optional<HTTPImmediateAnswer>(const HTTPRequest&)>
+AIService::immediateHandler() {
+  return [weak = weak_from_this(), board = board_,
+          main = main_](const HTTPRequest& request) -> std::optional<HTTPImmediateAnswer> {
+    const std::string_view path = routingPath(request.path);
+    if (request.method == "POST" && path == "/v1/generate/stream") {
+      auto self = weak.lock();
+      if (!self) return std::nullopt;
+      auto chunks = self->generateStreamAtOnce(request);
+      if (!chunks) return std::nullopt;
+      return HTTPImmediateAnswer(std::move(*chunks));
+    }
+    if (request.method != "GET" || path != "/health") return std::nullopt;
     const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
     if (now >= board->noWarmBefore.load(std::memory_order_relaxed) &&
         !board->warmPending.exchange(true)) {
       asio::post(main, [weak] {
         if (auto self = weak.lock()) {
-          self->health_->warmPending = false;
+          self->board_->warmPending = false;
           self->warmUp();
         }
       });
     }
-    return *board->reply.load();
+    return board->facts.load()->healthReply;
   };
 }
 

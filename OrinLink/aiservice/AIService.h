@@ -14,8 +14,9 @@
 namespace orin {
 
 // The devices' HTTP API: routes, pairing check, handlers, the token relay and its statistics.
-// Requests are handled on the main loop; streamed tokens are relayed on the server's own loop
-// and their bookkeeping follows on the main loop. The host must outlive the service.
+// Requests are handled on the main loop, except /health and event streams of paired devices,
+// which start on the server's own loop; streamed tokens are always relayed there and their
+// bookkeeping follows on the main loop. The host must outlive the service.
 class AIService : public std::enable_shared_from_this<AIService> {
  public:
   static constexpr std::string_view appVersion = "0.1.0";
@@ -27,14 +28,16 @@ class AIService : public std::enable_shared_from_this<AIService> {
   // Never throws: every failure becomes a reply.
   boost::asio::awaitable<HTTPHandlerResult> route(HTTPRequest request);
 
-  // For the server's executor: answers GET /health without the main loop, from the reply last
-  // published, and asks the main loop for a warm-up unless one would be refused anyway.
-  std::function<std::optional<std::string>(const HTTPRequest&)> immediateHandler();
-  // Called whenever the active model changes.
-  void publishHealth(const std::string& activeModel);
+  // For the server's executor, where it never blocks: answers GET /health from the reply last
+  // published (asking the main loop for a warm-up unless one would be refused anyway), and starts
+  // a paired device's event stream at once, its bookkeeping following on the main loop.
+  std::function<std::optional<HTTPImmediateAnswer>(const HTTPRequest&)> immediateHandler();
+  // Called whenever the active model, the paired devices or the daemon's address change.
+  void republish();
 
  private:
-  struct HealthBoard;
+  struct Board;
+  struct Generation;
   AIService(AIServiceHost& host, boost::asio::any_io_executor mainExecutor,
             boost::asio::any_io_executor relayExecutor);
 
@@ -44,7 +47,11 @@ class AIService : public std::enable_shared_from_this<AIService> {
   boost::asio::awaitable<HTTPHandlerResult> models(HTTPRequest request, std::string device);
   boost::asio::awaitable<HTTPHandlerResult> generate(HTTPRequest request, std::string device);
   boost::asio::awaitable<HTTPHandlerResult> generateStream(HTTPRequest request, std::string device);
-  ModelGenerateRequest modelRequest(const OrinLinkGenerateRequest& generate) const;
+  std::optional<TextChunkStream> generateStreamAtOnce(const HTTPRequest& request);
+  void beginGeneration(Generation& generation, const OrinLinkGenerateRequest& request,
+                       const std::string& device);
+  TextChunkStream relay(OllamaRuntime upstream, ModelGenerateRequest request,
+                        std::shared_ptr<Generation> generation);
   void warmUp();
 
   struct Endpoint {
@@ -55,7 +62,7 @@ class AIService : public std::enable_shared_from_this<AIService> {
   AIServiceHost& host_;
   boost::asio::any_io_executor main_;
   boost::asio::any_io_executor relay_;
-  std::shared_ptr<HealthBoard> health_;
+  std::shared_ptr<Board> board_;
 };
 
 }  // namespace orin

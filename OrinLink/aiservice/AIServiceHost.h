@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <boost/asio/any_io_executor.hpp>
 
@@ -25,6 +26,11 @@ class AIServiceHost {
     bool reliabilityModeEnabled = false;
   };
 
+  struct Credential {
+    std::string tokenHash;
+    std::string deviceName;
+  };
+
   virtual ~AIServiceHost() = default;
 
   // The paired device's name for a bearer token, the device being recorded as seen; nothing
@@ -33,6 +39,7 @@ class AIServiceHost {
   // Returns the new device's token; throws the pairing error the device is told.
   virtual std::string pair(const PairRequest& request) = 0;
   virtual StatusFacts statusFacts() const = 0;
+  virtual std::vector<Credential> pairedDevices() const = 0;
   // The daemon the service relays to, its replies read on the given executor.
   virtual OllamaRuntime runtimeOn(const boost::asio::any_io_executor& executor) const = 0;
   // Asks for the active model to be loaded; returns how long until another request would be

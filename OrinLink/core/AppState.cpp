@@ -169,7 +169,7 @@ void AppState::unobserve(std::uint64_t subscription) {
 }
 
 void AppState::changed(std::string_view property) {
-  if (property == "activeModel") aiService_->publishHealth(p_.activeModel);
+  if (property == "activeModel" || property == "registry") aiService_->republish();
   // A copy, because an observer may subscribe or leave while being told.
   const auto observers = observers_;
   for (const auto& [id, observer] : observers)
@@ -284,9 +284,9 @@ void AppState::stopServer() {
 void AppState::saveSettings() {
   settings_.set("serverPort", p_.serverPort);
   settings_.set("activeModel", p_.activeModel);
-  // The window edits the properties in place, so /health, answered off the main loop, learns of
-  // a new model here.
-  aiService_->publishHealth(p_.activeModel);
+  // The window edits the properties in place, so what is answered off the main loop learns of a
+  // new model or daemon address here.
+  aiService_->republish();
   settings_.set("ollamaBaseURL", p_.baseURLText);
   settings_.set("reliabilityModeEnabled", p_.reliabilityModeEnabled);
   settings_.set("startAtLoginEnabled", p_.startAtLoginEnabled);
@@ -574,6 +574,13 @@ std::optional<std::string> AppState::authenticate(const std::optional<std::strin
 
 std::string AppState::pair(const PairRequest& request) {
   return registry_.pair(request.deviceId, request.displayName, request.pairingCode);
+}
+
+std::vector<AIServiceHost::Credential> AppState::pairedDevices() const {
+  std::vector<Credential> credentials;
+  for (const auto& device : registry_.devices())
+    credentials.push_back({device.tokenHash, device.displayName});
+  return credentials;
 }
 
 AIServiceHost::StatusFacts AppState::statusFacts() const {

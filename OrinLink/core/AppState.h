@@ -148,6 +148,7 @@ class AppState : public std::enable_shared_from_this<AppState>, public AIService
   std::optional<std::string> authenticate(const std::optional<std::string>& token) override;
   std::string pair(const PairRequest& request) override;
   StatusFacts statusFacts() const override;
+  std::vector<Credential> pairedDevices() const override;
   OllamaRuntime runtimeOn(const boost::asio::any_io_executor& executor) const override;
   std::chrono::steady_clock::duration requestWarmUp() override;
   Date now() const override { return env_.clock(); }

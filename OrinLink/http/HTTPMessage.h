@@ -88,4 +88,7 @@ struct HTTPHandlerResult {
   static HTTPHandlerResult eventStream(TextChunkStream s) { return {std::move(s)}; }
 };
 
+// An answer given on the server's own loop: a whole reply already serialized, or an event stream.
+using HTTPImmediateAnswer = std::variant<std::string, TextChunkStream>;
+
 }  // namespace orin

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <random>
 
-#include <openssl/crypto.h>
 #include <openssl/rand.h>
 
 #include "OrinLink/common/AtomicFile.h"
@@ -67,10 +66,6 @@ std::string withoutBlanks(std::string_view text) {
     if (c != ' ') out.push_back(c);
   }
   return out;
-}
-
-bool sameHash(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
 Date parseISO8601(const json::ObjectReader& reader, std::string_view key, const std::string& text) {
@@ -158,7 +153,7 @@ bool DeviceRegistry::authenticate(const std::optional<std::string>& token) {
   if (!token || token->empty()) return false;
   const std::string hash = tokenHash(*token);
   for (auto& device : devices_) {
-    if (!sameHash(device.tokenHash, hash)) continue;
+    if (!sameTokenHash(device.tokenHash, hash)) continue;
     device.lastSeenAt = now_();
     save();
     changed();
@@ -172,7 +167,7 @@ std::optional<std::string> DeviceRegistry::deviceName(
   if (!token || token->empty()) return std::nullopt;
   const std::string hash = tokenHash(*token);
   for (const auto& device : devices_) {
-    if (sameHash(device.tokenHash, hash)) return device.displayName;
+    if (sameTokenHash(device.tokenHash, hash)) return device.displayName;
   }
   return std::nullopt;
 }

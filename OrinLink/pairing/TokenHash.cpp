@@ -1,5 +1,6 @@
 #include "OrinLink/pairing/TokenHash.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include "OrinLinkShared/Assert.h"
@@ -19,6 +20,10 @@ std::string tokenHash(std::string_view token) {
     text.push_back(hex[digest[i] & 0x0F]);
   }
   return text;
+}
+
+bool sameTokenHash(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
 }  // namespace orin

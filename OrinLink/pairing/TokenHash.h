@@ -9,4 +9,7 @@ namespace orin {
 // compared.
 std::string tokenHash(std::string_view token);
 
+// Compares two hashes in time that does not depend on where they differ.
+bool sameTokenHash(std::string_view a, std::string_view b);
+
 }  // namespace orin

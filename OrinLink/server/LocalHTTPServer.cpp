@@ -185,6 +185,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
   struct Arrival {
     HTTPRequestReader reader;
     std::optional<HTTPRequest> request;
+    // An event stream already started for the request.
+    std::optional<HTTPImmediateAnswer> answer;
     std::string unsentReply;
   };
 
@@ -237,8 +239,13 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       ::close(fd);
       return true;
     }
-    std::optional<std::string> answer = immediateHandler(*arrival.request);
-    if (!answer) return false;
+    std::optional<HTTPImmediateAnswer> answered = immediateHandler(*arrival.request);
+    if (!answered) return false;
+    const auto* answer = std::get_if<std::string>(&*answered);
+    if (!answer) {
+      arrival.answer = std::move(answered);
+      return false;
+    }
     const ssize_t sent = ::send(fd, answer->data(), answer->size(), MSG_NOSIGNAL);
     if (sent >= 0 && static_cast<std::size_t>(sent) < answer->size()) {
       arrival.request.reset();
@@ -258,7 +265,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       co_return;
     }
     if (arrival.request) {
-      auto handling = handle(self, connection, std::move(*arrival.request), true);
+      auto handling =
+          handle(self, connection, std::move(*arrival.request), true, std::move(arrival.answer));
       co_await std::move(handling);
       co_return;
     }
@@ -310,7 +318,8 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
 
   static asio::awaitable<void> handle(std::shared_ptr<Core> self,
                                       std::shared_ptr<Connection> connection, HTTPRequest request,
-                                      bool readToTheEnd) {
+                                      bool readToTheEnd,
+                                      std::optional<HTTPImmediateAnswer> answer = std::nullopt) {
     self->connections.settle(connection->id);
     if (auto token = request.bearerToken();
         token && !self->connections.authenticate(connection->id, tokenHash(*token))) {
@@ -318,19 +327,22 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
       connection->close();
       co_return;
     }
-    if (self->immediateHandler) {
-      if (std::optional<std::string> answer = self->immediateHandler(request)) {
-        auto writing = write(connection, std::move(*answer));
+    if (!answer && self->immediateHandler) answer = self->immediateHandler(request);
+    if (answer) {
+      if (auto* bytes = std::get_if<std::string>(&*answer)) {
+        auto writing = write(connection, std::move(*bytes));
         co_await std::move(writing);
         closeAfterReply(connection, readToTheEnd);
-        co_return;
+      } else {
+        watch(self, connection);
+        auto streaming =
+            writeEventStream(connection, std::get<TextChunkStream>(std::move(*answer)));
+        co_await std::move(streaming);
+        closeAfterReply(connection, false);
       }
+      co_return;
     }
-    // Started once this coroutine waits, so the main loop is woken first; the watcher's first
-    // read finds nothing anyway.
-    asio::post(self->serverExecutor, [connection] {
-      asio::co_spawn(connection->stream->get_executor(), watchPeer(connection), asio::detached);
-    });
+    watch(self, connection);
     auto cancellation = std::make_shared<HandlerCancellation>();
     connection->handler = cancellation;
     std::optional<HTTPHandlerResult> result;
@@ -361,6 +373,14 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
     }
     // The watcher reads whatever the peer still sends, so the close cannot reset the reply.
     closeAfterReply(connection, false);
+  }
+
+  // Started once the caller waits, so whatever it starts first is not held up; the watcher's
+  // first read finds nothing anyway.
+  static void watch(const std::shared_ptr<Core>& self, std::shared_ptr<Connection> connection) {
+    asio::post(self->serverExecutor, [connection = std::move(connection)] {
+      asio::co_spawn(connection->stream->get_executor(), watchPeer(connection), asio::detached);
+    });
   }
 
   // Runs on the main loop; marks the end there, where the cancellation is emitted.

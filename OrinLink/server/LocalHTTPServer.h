@@ -28,7 +28,7 @@ class LocalHTTPServer {
   using Handler = std::function<boost::asio::awaitable<HTTPHandlerResult>(HTTPRequest)>;
   // Runs on the server's executor and must not block: answers the requests that need nothing
   // from the main loop, so they skip the two thread hand-offs. Nothing means "ask the Handler".
-  using ImmediateHandler = std::function<std::optional<std::string>(const HTTPRequest&)>;
+  using ImmediateHandler = std::function<std::optional<HTTPImmediateAnswer>(const HTTPRequest&)>;
   // Called on the main executor: running flag, the bound port, an optional failure message.
   using StateChanged =
       std::function<void(bool running, std::uint16_t port, std::optional<std::string> message)>;
@@ -57,7 +57,7 @@ class LocalHTTPServer {
 
   // Set before start().
   void setStateChanged(StateChanged callback);
-  // Set before start(); the answer is the serialized response.
+  // Set before start().
   void setImmediateHandler(ImmediateHandler handler);
   // Binds on the server executor; a failure arrives through StateChanged, never as an exception.
   void start();

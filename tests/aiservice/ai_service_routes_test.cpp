@@ -17,16 +17,27 @@ class AIServiceRoutesTest : public testing::Test {
   static void TearDownTestSuite() { standIn_.reset(); }
 
   // A streamed reply comes back as its chunks, each followed by "|", then "error: " and the
-  // description at a failed end.
+  // description at a failed end. `atOnce` asks the server loop's handler instead of the routes.
   testing_support::HTTPReply route(const std::string& method, const std::string& target,
-                                   bool paired, const std::string& body = {}) {
+                                   bool paired, const std::string& body = {}, bool atOnce = false) {
     HTTPRequest request{method, target, {}, body};
     if (paired) request.headers["authorization"] = "Bearer paired";
+    std::optional<HTTPImmediateAnswer> answer;
+    if (atOnce) {
+      service_->republish();
+      answer = service_->immediateHandler()(request);
+      if (!answer) return {0, "not at once"};
+    }
     auto reply = asio::co_spawn(
         io_,
-        [this, request]() mutable -> asio::awaitable<testing_support::HTTPReply> {
-          auto routing = service_->route(std::move(request));
-          HTTPHandlerResult result = co_await std::move(routing);
+        [this, request, &answer]() mutable -> asio::awaitable<testing_support::HTTPReply> {
+          HTTPHandlerResult result{HTTPResponse{}};
+          if (answer) {
+            result = HTTPHandlerResult::eventStream(std::get<TextChunkStream>(std::move(*answer)));
+          } else {
+            auto routing = service_->route(std::move(request));
+            result = co_await std::move(routing);
+          }
           if (auto* response = std::get_if<HTTPResponse>(&result.value)) {
             co_return testing_support::HTTPReply{response->statusCode, response->body};
           }
@@ -113,11 +124,12 @@ TEST_F(AIServiceRoutesTest, EveryRouteAnswersInItsOwnForm) {
   EXPECT_EQ(host_.warmUps, 1);
 }
 
-// The statistics and the log hear of a generation in this order, whole or streamed, and also
-// when no daemon answers (no model named).
+// The statistics and the log hear of a generation in this order, whole or streamed, routed or
+// started on the server's loop, and also when no daemon answers (no model named).
 TEST_F(AIServiceRoutesTest, EveryGenerationIsCountedInAndOut) {
   struct Case {
     std::string target, model, reply, journal, conversation;
+    bool atOnce = false;
   };
   const Case cases[] = {
       {"/v1/generate", "plain:1b", R"("assistantMessage":"Hello there, friend.")",
@@ -129,13 +141,18 @@ TEST_F(AIServiceRoutesTest, EveryGenerationIsCountedInAndOut) {
        "one\ntwo three\r\n"},
       {"/v1/generate/stream", "",
        "error: ", "requested -; started Phone; entry Phone: hi; complete; ended 0", ""},
+      {"/v1/generate/stream", "lines:1b", "one\ntwo| three\r\n|",
+       "requested lines:1b; started Phone; entry Phone: hi; complete; ended 2",
+       "one\ntwo three\r\n", true},
+      {"/v1/generate/stream", "",
+       "error: ", "requested -; started Phone; entry Phone: hi; complete; ended 0", "", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.target + " " + c.model);
     host_.journal.clear();
     host_.conversation.clear();
     host_.daemonURL = c.model.empty() ? "http://127.0.0.1:9" : standIn_->baseURL();
-    const auto reply = route("POST", c.target, true, generateBody(c.model));
+    const auto reply = route("POST", c.target, true, generateBody(c.model), c.atOnce);
     EXPECT_NE(reply.body.find(c.reply), std::string::npos) << reply.body;
     EXPECT_EQ(host_.journal, c.journal);
     EXPECT_EQ(host_.conversation, c.conversation);
@@ -162,18 +179,25 @@ TEST_F(AIServiceRoutesTest, AModelThatRefusesThinkingIsAskedOnceMoreWithoutIt) {
 // the last refusal's spacing has run out.
 TEST_F(AIServiceRoutesTest, HealthOffTheMainLoopAsksForWarmUpsOnlyWhenTheyWouldBeHeard) {
   const auto health = service_->immediateHandler();
-  EXPECT_EQ(health(HTTPRequest{"GET", "/status", {}, ""}), std::nullopt);
+  EXPECT_FALSE(health(HTTPRequest{"GET", "/status", {}, ""}).has_value());
+  // An event stream starts there only for a paired device whose request decodes.
+  EXPECT_EQ(route("POST", "/v1/generate/stream", false, generateBody(""), true).body,
+            "not at once");
+  EXPECT_EQ(route("POST", "/v1/generate/stream", true, "{}", true).body, "not at once");
   host_.warmRefusal = std::chrono::hours(1);
-  for (int i = 0; i < 3; ++i) {
+  const auto healthReply = [&] {
     const auto reply = health(HTTPRequest{"GET", "/health?x", {}, ""});
-    ASSERT_TRUE(reply.has_value());
-    EXPECT_NE(reply->find(R"("activeModel":"plain:1b")"), std::string::npos);
+    return reply ? std::get<std::string>(*reply) : "none";
+  };
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_NE(healthReply().find(R"("activeModel":"plain:1b")"), std::string::npos);
     io_.restart();
     io_.run();
   }
   EXPECT_EQ(host_.warmUps, 1);
-  service_->publishHealth("other:1b");
-  EXPECT_NE(health(HTTPRequest{"GET", "/health", {}, ""})->find("other:1b"), std::string::npos);
+  host_.activeModel = "other:1b";
+  service_->republish();
+  EXPECT_NE(healthReply().find("other:1b"), std::string::npos);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "OrinLink/aiservice/AIServiceHost.h"
 #include "OrinLink/pairing/DeviceRegistry.h"
+#include "OrinLink/pairing/TokenHash.h"
 
 namespace orin::test {
 
@@ -11,6 +12,7 @@ namespace orin::test {
 // and the code "123 456"; the bookkeeping is written down in order in `journal`.
 struct FakeAIServiceHost : AIServiceHost {
   std::string daemonURL = "http://127.0.0.1:9";
+  std::string activeModel = "plain:1b";
   std::chrono::steady_clock::duration warmRefusal{};
   int warmUps = 0;
   std::string journal;
@@ -23,7 +25,10 @@ struct FakeAIServiceHost : AIServiceHost {
     if (request.pairingCode != "123 456") throw PairingError(PairingError::Kind::invalidCode);
     return "new-token";
   }
-  StatusFacts statusFacts() const override { return {true, 1, true, "plain:1b", 38141, false}; }
+  StatusFacts statusFacts() const override { return {true, 1, true, activeModel, 38141, false}; }
+  std::vector<Credential> pairedDevices() const override {
+    return {{tokenHash("paired"), "Phone"}};
+  }
   OllamaRuntime runtimeOn(const boost::asio::any_io_executor& executor) const override {
     return OllamaRuntime(*OllamaEndpoint::parse(daemonURL), executor);
   }
