@@ -184,17 +184,10 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
     if (callbacks.serverStateChanged) {
       onMain([callback = callbacks.serverStateChanged] { callback(std::nullopt); });
     }
-    listener->accept(
-        [weak = weak_from_this()](int fd) {
-          if (auto self = weak.lock()) {
-            self->admit(fd);
-          } else {
-            ::close(fd);
-          }
-        },
-        [weak = weak_from_this()](const transport::ListenError& failure) {
-          if (auto self = weak.lock()) self->failListener(failure);
-        });
+    listener->accept(transport::Listener::admitTo(weak_from_this()),
+                     [weak = weak_from_this()](const transport::ListenError& failure) {
+                       if (auto self = weak.lock()) self->failListener(failure);
+                     });
   }
 
   void failListener(const transport::ListenError& failure) {
@@ -206,13 +199,9 @@ struct ScreenStreamServer::Core : std::enable_shared_from_this<Core> {
   }
 
   void admit(int fd) {
-    tcp::socket socket(serverExecutor);
-    error_code assignError;
-    socket.assign(listener->protocol(), fd, assignError);
-    if (assignError) {
-      ::close(fd);
-      return;
-    }
+    auto adopted = listener->adopt(fd);
+    if (!adopted) return;
+    tcp::socket socket = std::move(*adopted);
     // Frames are written as they come; none may wait for the previous one's acknowledgement.
     error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);

@@ -164,21 +164,14 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
                                                    port, {{"api", "1"}});
     }
     notify(true, std::nullopt);
-    listener.accept(
-        [weak = weak_from_this()](int fd) {
-          if (auto self = weak.lock()) {
-            self->admit(fd);
-          } else {
-            ::close(fd);
-          }
-        },
-        [weak = weak_from_this()](const transport::ListenError& failure) {
-          auto self = weak.lock();
-          if (!self) return;
-          self->running = false;
-          self->registration.reset();
-          self->notify(false, failure.description());
-        });
+    listener.accept(transport::Listener::admitTo(weak_from_this()),
+                    [weak = weak_from_this()](const transport::ListenError& failure) {
+                      auto self = weak.lock();
+                      if (!self) return;
+                      self->running = false;
+                      self->registration.reset();
+                      self->notify(false, failure.description());
+                    });
   }
 
   // What was read, and maybe answered, before the connection became a socket.
@@ -204,15 +197,11 @@ struct LocalHTTPServer::Core : std::enable_shared_from_this<Core> {
         if (answerOnArrival(fd, arrival)) return;
       }
     }
-    tcp::socket socket(serverExecutor);
-    error_code ec;
-    socket.assign(listener.protocol(), fd, ec);
-    if (ec) {
-      ::close(fd);
-      return;
-    }
-    auto stream = options.openStream ? options.openStream(std::move(socket))
-                                     : std::make_unique<transport::SocketStream>(std::move(socket));
+    auto socket = listener.adopt(fd);
+    if (!socket) return;
+    auto stream = options.openStream
+                      ? options.openStream(std::move(*socket))
+                      : std::make_unique<transport::SocketStream>(std::move(*socket));
     auto connection = std::make_shared<Connection>(std::move(stream), mainExecutor);
     const auto id = connections.add([weak = std::weak_ptr(connection)] {
       if (auto c = weak.lock()) c->cancel();

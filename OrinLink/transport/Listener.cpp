@@ -163,8 +163,17 @@ std::uint16_t Listener::port() const {
   return state_->port;
 }
 
-tcp Listener::protocol() const {
-  return state_->protocol;
+std::optional<tcp::socket> Listener::adopt(int fd) const {
+  tcp::socket socket(state_->acceptor.get_executor());
+  error_code ec;
+  socket.assign(state_->protocol, fd, ec);
+  if (!ec) return socket;
+  ::close(fd);
+  return std::nullopt;
+}
+
+void Listener::closeDescriptor(int fd) {
+  ::close(fd);
 }
 
 }  // namespace orin::transport

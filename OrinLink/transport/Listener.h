@@ -44,6 +44,17 @@ class Listener {
   };
   // Owns the descriptor; runs on the listener's executor.
   using Admit = std::function<void(int fd)>;
+  // Hands each descriptor to `owner->admit(fd)` while the owner lives, and closes it after.
+  template <typename Owner>
+  static Admit admitTo(std::weak_ptr<Owner> owner) {
+    return [owner = std::move(owner)](int fd) {
+      if (auto self = owner.lock()) {
+        self->admit(fd);
+      } else {
+        closeDescriptor(fd);
+      }
+    };
+  }
   using Failed = std::function<void(const ListenError&)>;
 
   Listener(boost::asio::any_io_executor executor, Options options);
@@ -60,9 +71,13 @@ class Listener {
 
   bool isOpen() const;
   std::uint16_t port() const;
-  boost::asio::ip::tcp protocol() const;
+  // An accepted descriptor as a socket on the executor; nothing, and the descriptor closed, when
+  // it cannot be one.
+  std::optional<boost::asio::ip::tcp::socket> adopt(int fd) const;
 
  private:
+  static void closeDescriptor(int fd);
+
   struct State;
   std::shared_ptr<State> state_;
 };
