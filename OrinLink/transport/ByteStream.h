@@ -12,8 +12,8 @@
 namespace orin::transport {
 
 // What a connection is served over: a TCP socket, or in tests one that fails on cue. Shaped like
-// an Asio stream (one buffer per operation), so that async_write, as_tuple and cancellation apply
-// unchanged.
+// an Asio stream (one buffer per operation: the first that is not empty), so that async_write,
+// as_tuple and cancellation apply unchanged.
 class ByteStream {
  public:
   using executor_type = boost::asio::any_io_executor;
@@ -36,7 +36,7 @@ class ByteStream {
         [this](auto handler, boost::asio::mutable_buffer buffer) {
           readSome(buffer, std::move(handler));
         },
-        token, boost::asio::mutable_buffer(*boost::asio::buffer_sequence_begin(buffers)));
+        token, first<boost::asio::mutable_buffer>(buffers));
   }
 
   template <class Buffers, class Token>
@@ -45,10 +45,19 @@ class ByteStream {
         [this](auto handler, boost::asio::const_buffer buffer) {
           writeSome(buffer, std::move(handler));
         },
-        token, boost::asio::const_buffer(*boost::asio::buffer_sequence_begin(buffers)));
+        token, first<boost::asio::const_buffer>(buffers));
   }
 
  protected:
+  template <class Buffer, class Buffers>
+  static Buffer first(const Buffers& buffers) {
+    const auto end = boost::asio::buffer_sequence_end(buffers);
+    for (auto it = boost::asio::buffer_sequence_begin(buffers); it != end; ++it) {
+      if (Buffer(*it).size() > 0) return Buffer(*it);
+    }
+    return Buffer();
+  }
+
   virtual void readSome(boost::asio::mutable_buffer buffer, Handler handler) = 0;
   virtual void writeSome(boost::asio::const_buffer buffer, Handler handler) = 0;
 };
