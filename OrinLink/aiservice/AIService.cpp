@@ -291,7 +291,7 @@ asio::awaitable<HTTPHandlerResult> AIService::generateStream(HTTPRequest request
   beginGeneration(*generation, generate, device);
   co_return HTTPHandlerResult::eventStream(
       relay(host_.runtimeOn(relay_), modelRequest(generate, host_.statusFacts().activeModel),
-            std::move(generation)));
+            std::move(generation), {}));
 }
 
 // The first token's path: a paired device's request goes upstream from here, without waiting
@@ -313,16 +313,18 @@ std::optional<TextChunkStream> AIService::generateStreamAtOnce(const HTTPRequest
     return std::nullopt;
   }
   auto generation = std::make_shared<Generation>();
-  auto chunks = relay(facts->relayRuntime, modelRequest(*generate, facts->activeModel), generation);
-  asio::post(main_, [weak = weak_from_this(), generation, token, generate = std::move(*generate),
-                     name = device->deviceName] {
-    auto self = weak.lock();
-    if (!self) return;
-    // Records the device as seen.
-    const auto current = self->host_.authenticate(token);
-    self->beginGeneration(*generation, generate, current.value_or(name));
-  });
-  return chunks;
+  const ModelGenerateRequest upstream = modelRequest(*generate, facts->activeModel);
+  auto begin = [weak = weak_from_this(), main = main_, generation, token,
+                generate = std::move(*generate), name = device->deviceName] {
+    asio::post(main, [weak, generation, token, generate, name] {
+      auto self = weak.lock();
+      if (!self) return;
+      // Records the device as seen.
+      const auto current = self->host_.authenticate(token);
+      self->beginGeneration(*generation, generate, current.value_or(name));
+    });
+  };
+  return relay(facts->relayRuntime, upstream, std::move(generation), std::move(begin));
 }
 
 void AIService::beginGeneration(Generation& generation, const OrinLinkGenerateRequest& request,
@@ -335,9 +337,12 @@ void AIService::beginGeneration(Generation& generation, const OrinLinkGenerateRe
 
 // Tokens are read upstream and relayed on the server's own loop, where the device's socket is
 // written, so a token crosses no thread; the bookkeeping follows on the main loop, where the
-// generation has begun before any hand-off arrives.
+// generation has begun before any hand-off arrives. A generation not yet begun there is begun
+// once the first token has gone out, or after one bookkeeping interval without one: the main
+// loop's work would otherwise take the cores while the first token is on its way.
 TextChunkStream AIService::relay(OllamaRuntime upstreamClient, ModelGenerateRequest request,
-                                 std::shared_ptr<Generation> generation) {
+                                 std::shared_ptr<Generation> generation,
+                                 std::function<void()> begin) {
   auto made = TextChunkStream::make();
   TextChunkStream chunks = std::move(made.first);
   const TextChunkStream::Continuation continuation = made.second;
@@ -354,8 +359,9 @@ TextChunkStream AIService::relay(OllamaRuntime upstreamClient, ModelGenerateRequ
   asio::co_spawn(
       relay,
       [weak = weak_from_this(), main = main_, relay,
-       upstream = upstreamClient.stream(std::move(request)), continuation, cancel,
-       generation]() mutable -> asio::awaitable<void> {
+       upstream = upstreamClient.stream(std::move(request)), continuation, cancel, generation,
+       begin = std::make_shared<std::function<void()>>(
+           std::move(begin))]() mutable -> asio::awaitable<void> {
         std::exception_ptr failure;
         const auto handOff = [weak, main, generation] {
           asio::post(main, [weak, generation] {
@@ -366,12 +372,29 @@ TextChunkStream AIService::relay(OllamaRuntime upstreamClient, ModelGenerateRequ
         // the bookkeeping at most once per interval; the first one at once.
         asio::steady_timer handOffTimer(relay);
         std::chrono::steady_clock::time_point lastHandOff;
+        // Shared with the handlers below, which may run after this frame is gone.
+        const auto beginOnce = [begin] {
+          if (!*begin) return;
+          (*begin)();
+          *begin = nullptr;
+        };
+        asio::steady_timer beginTimer(relay, bookkeepingInterval);
+        if (*begin) {
+          beginTimer.async_wait([beginOnce](boost::system::error_code ec) {
+            if (!ec) beginOnce();
+          });
+        }
         try {
           while (true) {
             std::optional<std::string> token = co_await upstream.next(asio::use_awaitable);
             if (!token) break;
             const bool handOffNeeded = generation->tally.add(*token);
             continuation.yield(std::move(*token));
+            if (*begin) {
+              beginTimer.cancel();
+              // Queued behind the token's delivery, and ahead of the first hand-off.
+              asio::post(relay, beginOnce);
+            }
             if (!handOffNeeded) continue;
             const auto now = std::chrono::steady_clock::now();
             if (now >= lastHandOff + bookkeepingInterval) {
@@ -390,6 +413,8 @@ TextChunkStream AIService::relay(OllamaRuntime upstreamClient, ModelGenerateRequ
           failure = std::current_exception();
         }
         cancel->finished = true;
+        beginTimer.cancel();
+        beginOnce();
         asio::post(main, [weak, generation] {
           auto self = weak.lock();
           if (!self) return;

@@ -51,7 +51,7 @@ class AIService : public std::enable_shared_from_this<AIService> {
   void beginGeneration(Generation& generation, const OrinLinkGenerateRequest& request,
                        const std::string& device);
   TextChunkStream relay(OllamaRuntime upstream, ModelGenerateRequest request,
-                        std::shared_ptr<Generation> generation);
+                        std::shared_ptr<Generation> generation, std::function<void()> begin);
   void warmUp();
 
   struct Endpoint {
