@@ -31,7 +31,7 @@ test-tsan:
 coverage:
 	@find build/coverage -name '*.gcda' -delete 2>/dev/null || true
 	@$(MAKE) --no-print-directory test PRESET=coverage
-	gcovr -r . --filter OrinLink/ --filter OrinLinkShared/ -j 2 --txt-summary --txt build/coverage/coverage.txt build/coverage
+	gcovr -r . --filter OrinLink/ --filter OrinLinkShared/ -j 2 --print-summary --txt build/coverage/coverage.txt build/coverage
 
 # Short runs of every fuzz target; FUZZ_SECONDS sets how long each one runs.
 fuzz: setup
