@@ -168,7 +168,7 @@ TEST(DeviceClient, RefusedAndSilentHostsAreUnreachable) {
   EXPECT_EQ(refused->message, prefixFor(closedPort) + "Connection refused");
   EXPECT_EQ(refused->exitCode, 7);
 
-  Host silent({{0}});
+  Host silent({Host::Reply{0}});
   const auto timedOut =
       failureOf([&] { clientFor(silent.port(), std::chrono::milliseconds(50)).health(); });
   ASSERT_TRUE(timedOut.has_value());
