@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orin::testing_support {
 
@@ -33,6 +34,8 @@ class WaylandSessionProcess {
   const std::string& waylandDisplay() const { return waylandDisplay_; }
   const std::string& xDisplay() const { return xDisplay_; }
   const std::string& xauthority() const { return xauthority_; }
+  // This process's environment as NAME=VALUE, pointed at the session, for a child process.
+  std::vector<std::string> environment() const;
 
  private:
   WaylandSessionProcess() = default;
