@@ -2,7 +2,7 @@
 PRESET ?= default
 ARGS ?=
 
-.PHONY: setup configure build run test test-asan test-tsan fuzz bench format clean
+.PHONY: setup configure build run test test-asan test-tsan coverage fuzz bench format clean
 
 setup:
 	@bash scripts/setup.sh
@@ -26,6 +26,12 @@ test-asan:
 
 test-tsan:
 	@$(MAKE) --no-print-directory test PRESET=tsan
+
+# The whole suite on a gcov build, then the production code's line coverage.
+coverage:
+	@find build/coverage -name '*.gcda' -delete 2>/dev/null || true
+	@$(MAKE) --no-print-directory test PRESET=coverage
+	gcovr -r . --filter OrinLink/ --filter OrinLinkShared/ -j 2 --print-summary --txt build/coverage/coverage.txt build/coverage
 
 # Short runs of every fuzz target; FUZZ_SECONDS sets how long each one runs.
 fuzz: setup

@@ -25,7 +25,7 @@ packages=(
   # X servers for the screen tests, and ffmpeg to check and compare the streams
   xvfb xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils ffmpeg
   # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev gcovr
   # the control panel's heading face (compiled in), and the browser its test drives
   fonts-jura chromium
 )

@@ -29,7 +29,7 @@
 #include "OrinLink/runtime/OllamaRuntime.h"
 #include "OrinLinkShared/Error.h"
 
-#include "fake_daemon.h"
+#include "tests/support/ScriptedHTTPServer.h"
 
 // Lookups of this one name never answer until the test lets them go, as a resolver that has
 // gone silent; every other name is looked up as usual.
@@ -56,7 +56,7 @@ namespace orin {
 namespace {
 
 namespace asio = boost::asio;
-using testing_support::FakeDaemon;
+using FakeDaemon = testing_support::ScriptedHTTPServer;
 using Reply = FakeDaemon::Reply;
 using asio::ip::tcp;
 
@@ -139,12 +139,12 @@ std::optional<bool> sentThink(const FakeDaemon::Request& request) {
 }
 
 Reply ok(std::vector<std::string> pieces) {
-  return Reply{200, std::move(pieces), false, {}};
+  return Reply{200, std::move(pieces)};
 }
 Reply status(unsigned code) {
-  return Reply{code, {}, false, {}};
+  return Reply{code, {}};
 }
-const Reply silence{0, {}, false, {}};
+const Reply silence{0, {}};
 
 class OllamaRuntimeTest : public testing::Test {
  protected:
@@ -196,9 +196,9 @@ TEST_F(OllamaRuntimeTest, ListsModels) {
        ""},
       {"empty list", ok({R"({"models":[]})"}), {}, ""},
       {"no models key", ok({R"({"other":[]})"}), {}, "DecodingError"},
-      {"not found", Reply{404, {"404 page not found"}, false, {}}, {}, "Ollama returned HTTP 404"},
+      {"not found", Reply{404, {"404 page not found"}}, {}, "Ollama returned HTTP 404"},
       {"not HTTP",
-       Reply{200, {}, false, "hello there\r\n\r\n"},
+       Reply{200, {"hello there\r\n\r\n"}, false, true},
        {},
        "Ollama returned an unexpected response."},
   };
@@ -382,10 +382,8 @@ TEST_F(OllamaRuntimeTest, StreamDeliversPiecesAsTheyArriveAndLeavingClosesUpstre
       [](OllamaRuntime& r) {
         return r.stream({"p", "m", 0.7, false});
       },
-      Reply{200,
-            {"{\"response\":\"one\"}\n", "{\"response\":\"two\"}\n", "{\"done\":true}\n"},
-            true,
-            {}},
+      Reply{
+          200, {"{\"response\":\"one\"}\n", "{\"response\":\"two\"}\n", "{\"done\":true}\n"}, true},
       {"one", "two"});
 }
 
@@ -400,8 +398,7 @@ TEST_F(OllamaRuntimeTest, LeavingBeforeAnyAnswerClosesUpstream) {
 TEST_F(OllamaRuntimeTest, PullDeliversProgressAsItArrivesAndLeavingClosesUpstream) {
   deliversAsItArrivesThenLeaves<PullProgress>(
       [](OllamaRuntime& r) { return r.pull("m"); },
-      Reply{
-          200, {"{\"status\":\"a\"}\n", "{\"status\":\"b\"}\n", "{\"status\":\"c\"}\n"}, true, {}},
+      Reply{200, {"{\"status\":\"a\"}\n", "{\"status\":\"b\"}\n", "{\"status\":\"c\"}\n"}, true},
       {{"a", std::nullopt, 0, 0}, {"b", std::nullopt, 0, 0}});
 }
 
@@ -424,7 +421,7 @@ TEST_F(OllamaRuntimeTest, IdleTimeOutEndsAStalledExchange) {
        },
        {}},
       {"stream, no answer", silence, streamed, {}},
-      {"stream, body stalls", Reply{200, {line, line}, true, {}}, streamed, {"a"}},
+      {"stream, body stalls", Reply{200, {line, line}, true}, streamed, {"a"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -465,7 +462,7 @@ TEST_F(OllamaRuntimeTest, IdleTimeOutCountsFromTheLastBytes) {
   const std::vector<std::string> lines{R"({"response":"a"})", R"({"response":"b"})",
                                        R"({"response":"c"})", R"({"response":"d"})",
                                        R"({"response":"e","done":true})"};
-  Reply reply{200, {}, true, {}};
+  Reply reply{200, {}, true};
   for (const auto& line : lines)
     reply.pieces.push_back(line + "\n");
   daemon_.script({reply});
@@ -490,8 +487,8 @@ TEST_F(OllamaRuntimeTest, WarmUpReportsAcceptance) {
   };
   const Case cases[] = {
       {"accepted", ok({R"({"response":"","done":true})"}), true},
-      {"model missing", Reply{404, {R"({"error":"model not found"})"}, false, {}}, false},
-      {"not HTTP", Reply{200, {}, false, "garbage\r\n\r\n"}, false},
+      {"model missing", Reply{404, {R"({"error":"model not found"})"}}, false},
+      {"not HTTP", Reply{200, {"garbage\r\n\r\n"}, false, true}, false},
   };
   OllamaRuntime client = runtime();
   for (const auto& c : cases) {
@@ -505,10 +502,7 @@ TEST_F(OllamaRuntimeTest, WarmUpReportsAcceptance) {
 }
 
 TEST_F(OllamaRuntimeTest, StoppedDaemonPassesTheTransportErrorOn) {
-  asio::io_context context;
-  tcp::acceptor holder(context, {asio::ip::address_v4::loopback(), 0});
-  const auto port = holder.local_endpoint().port();
-  holder.close();
+  const auto port = FakeDaemon().port();
   OllamaRuntime client(*OllamaEndpoint::parse("http://127.0.0.1:" + std::to_string(port)),
                        loop_.executor());
 

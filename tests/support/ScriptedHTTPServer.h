@@ -25,27 +25,31 @@
 
 namespace orin::testing_support {
 
-// A stand-in for the model daemon on 127.0.0.1, port 0, on a thread of its own. Each connection
-// gets the next scripted reply; the test can hold a reply's pieces back and hand them out one by
-// one, and learns when a client closed while the daemon still held its reply.
-class FakeDaemon {
+// An HTTP server on 127.0.0.1, port 0, on a thread of its own. Each connection gets the next
+// scripted reply; the test can hold a reply's pieces back and hand them out one by one, and
+// learns when a client closed while the server still held its reply.
+class ScriptedHTTPServer {
  public:
   struct Reply {
     unsigned status = 200;  // 0: never answers at all
     // One piece goes out with a Content-Length; any other count as one chunk per piece.
     std::vector<std::string> pieces;
     bool gated = false;  // every piece after the first waits for release()
-    std::string raw;     // sent instead of an HTTP response
+    bool raw = false;    // the pieces are the bytes on the wire, then the server stops sending
   };
   struct Request {
-    std::string method, target, host, contentType, body;
+    std::string method, target, host, authorization, contentType, body;
   };
 
-  FakeDaemon() : acceptor_(context_, {boost::asio::ip::address_v4::loopback(), 0}) {
+  explicit ScriptedHTTPServer(std::vector<Reply> replies = {})
+      : acceptor_(context_, {boost::asio::ip::address_v4::loopback(), 0}) {
+    script(std::move(replies));
     boost::asio::co_spawn(context_, acceptLoop(), boost::asio::detached);
     thread_ = std::thread([this] { context_.run(); });
   }
-  ~FakeDaemon() {
+  ScriptedHTTPServer(const ScriptedHTTPServer&) = delete;
+  ScriptedHTTPServer& operator=(const ScriptedHTTPServer&) = delete;
+  ~ScriptedHTTPServer() {
     context_.stop();
     thread_.join();
   }
@@ -135,11 +139,12 @@ class FakeDaemon {
     http::request<http::string_body> request;
     auto [readError, n] = co_await http::async_read(connection->socket, buffer, request, tuple);
     if (readError) co_return;
-    Reply reply{500, {}, false, {}};
+    Reply reply{500, {}};
     {
       std::lock_guard lock(mutex_);
       requests_.push_back({std::string(request.method_string()), std::string(request.target()),
                            std::string(request[http::field::host]),
+                           std::string(request[http::field::authorization]),
                            std::string(request[http::field::content_type]), request.body()});
       changed_.notify_all();
       if (!replies_.empty()) {
@@ -155,31 +160,26 @@ class FakeDaemon {
       co_await std::move(silence);
       co_return;
     }
-    if (!reply.raw.empty()) {
-      connection->replyComplete = true;
-      co_await boost::asio::async_write(socket, boost::asio::buffer(reply.raw), tuple);
-      co_return;
-    }
+    const bool whole = !reply.raw && reply.pieces.size() == 1;
+    connection->replyComplete = whole || reply.raw;
     http::response<http::empty_body> head;
     head.version(11);
     head.result(reply.status);
     head.keep_alive(false);
-    const bool whole = reply.pieces.size() == 1;
     if (whole) {
       head.content_length(reply.pieces.front().size());
     } else {
       head.chunked(true);
     }
-    connection->replyComplete = whole;
     http::response_serializer<http::empty_body> serializer(head);
-    co_await http::async_write_header(socket, serializer, tuple);
+    if (!reply.raw) co_await http::async_write_header(socket, serializer, tuple);
     for (std::size_t i = 0; i < reply.pieces.size(); ++i) {
       if (reply.gated && i > 0) {
         auto releasing = hold(connection, true);
         const bool released = co_await std::move(releasing);
         if (!released) co_return;
       }
-      if (whole) {
+      if (whole || reply.raw) {
         co_await boost::asio::async_write(socket, boost::asio::buffer(reply.pieces[i]), tuple);
       } else {
         const auto chunk = http::make_chunk(boost::asio::buffer(reply.pieces[i]));
@@ -188,7 +188,7 @@ class FakeDaemon {
     }
     connection->replyComplete = true;
     const auto last = http::make_chunk_last();
-    if (!whole) co_await boost::asio::async_write(socket, last, tuple);
+    if (!whole && !reply.raw) co_await boost::asio::async_write(socket, last, tuple);
     // The watcher keeps the socket open until the client has read everything and closed.
     boost::system::error_code ignored;
     socket.shutdown(Socket::shutdown_send, ignored);
@@ -196,7 +196,7 @@ class FakeDaemon {
 
   boost::asio::io_context context_;
   boost::asio::ip::tcp::acceptor acceptor_;
-  // On the daemon's thread only.
+  // On the server's thread only.
   int releases_ = 0;
   std::vector<std::weak_ptr<Connection>> holding_;
 
