@@ -36,10 +36,10 @@ TEST(KeyframePolicy, KeepsKeyframesWithinTwoSecondsAtAnyFrameRate) {
     std::uint64_t gap;
     std::uint64_t expectedInterval;
   };
-  for (const Case c : {Case{30, 33'333, 59 * 33'333}, Case{60, 16'666, 119 * 16'666},
-                       Case{60, 16'000, 124 * 16'000}, Case{60, 100'000, 1'900'000},
-                       Case{30, 300'000, 1'800'000}, Case{30, 900'000, 1'800'000},
-                       Case{30, 2'500'000, 2'500'000}}) {
+  for (const Case c :
+       {Case{30, 33'333, 59 * 33'333}, Case{60, 16'666, 119 * 16'666},
+        Case{60, 16'000, 124 * 16'000}, Case{60, 100'000, 1'900'000}, Case{30, 300'000, 1'800'000},
+        Case{30, 900'000, 1'800'000}, Case{30, 2'500'000, 2'500'000}}) {
     KeyframePolicy policy(twoSeconds, c.framesPerSecond);
     std::vector<std::uint64_t> keyframes;
     for (std::uint64_t time = 1'000; time < 7 * twoSeconds; time += c.gap) {
