@@ -392,7 +392,8 @@ TextChunkStream AIService::relay(OllamaRuntime upstreamClient, ModelGenerateRequ
             continuation.yield(std::move(*token));
             if (*begin) {
               beginTimer.cancel();
-              // Queued behind the token's delivery, and ahead of the first hand-off.
+              // Queued behind the token's delivery, and ahead of the first hand-off; the end
+              // below begins it first if it has not run by then.
               asio::post(relay, beginOnce);
             }
             if (!handOffNeeded) continue;

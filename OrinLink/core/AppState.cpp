@@ -49,9 +49,15 @@ void AppState::wire() {
     if (!self) return;
     if (self->screenStream_) self->screenStream_->revoke(hash);
     if (self->server_) self->server_->revoke(hash);
+    self->aiService_->republish();
   };
   registry_.onPaired = [weak](const std::string& name) {
-    if (auto self = weak.lock()) self->celebratePairing(name);
+    auto self = weak.lock();
+    if (!self) return;
+    // Only pairing and removal change the credentials; every request rewrites the registry's
+    // last-seen times, which the server's loop does not need.
+    self->aiService_->republish();
+    self->celebratePairing(name);
   };
 }
 
@@ -169,7 +175,7 @@ void AppState::unobserve(std::uint64_t subscription) {
 }
 
 void AppState::changed(std::string_view property) {
-  if (property == "activeModel" || property == "registry") aiService_->republish();
+  if (property == "activeModel") aiService_->republish();
   // A copy, because an observer may subscribe or leave while being told.
   const auto observers = observers_;
   for (const auto& [id, observer] : observers)
