@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "OrinLink/screenstream/PixelConversion.h"
+#include "OrinLink/screenstream/ThreadPriority.h"
 #include "OrinLink/screenstream/VideoEncoder.h"
 
 extern "C" {
@@ -237,6 +238,7 @@ struct LibavHEVCEncoder::State {
   std::unique_ptr<YUVConverter> converter;
   std::unique_ptr<AVFrame, FrameDeleter> upload;
   std::unique_ptr<AVPacket, PacketDeleter> packet{av_packet_alloc()};
+  ThreadPriorityKeeper encoderThreads;
 };
 
 int LibavHEVCEncoder::openCandidate(std::string_view name, const EncoderSettings& settings,
@@ -302,6 +304,7 @@ LibavHEVCEncoder::LibavHEVCEncoder(const EncoderSettings& settings,
   }
   installLogFilter();
   const std::vector<std::string> nodes = renderNodes();
+  const std::vector<pid_t> threadsBefore = ThreadPriorityKeeper::threads();
   int status = AVERROR_ENCODER_NOT_FOUND;
   for (std::size_t i = 0; i < candidates.size(); ++i) {
     const std::string_view name = candidates[i];
@@ -313,6 +316,7 @@ LibavHEVCEncoder::LibavHEVCEncoder(const EncoderSettings& settings,
       auto state = std::make_unique<State>();
       status = openCandidate(name, settings, device, *state);
       if (status == 0) {
+        state->encoderThreads.adoptStartedBetween(threadsBefore, ThreadPriorityKeeper::threads());
         state_ = std::move(state);
         name_ = name;
         return;
@@ -359,6 +363,7 @@ int LibavHEVCEncoder::encode(const Picture& prepared, bool forceKeyframe, const 
   AVCodecContext* context = state.context.get();
   status = avcodec_send_frame(context, picture);
   if (status < 0) return status;
+  state.encoderThreads.restore();
 
   AVPacket* packet = state.packet.get();
   for (;;) {

@@ -6,6 +6,7 @@ add_library(OrinLinkEncoder
   KeyframePolicy.cpp
   LibavHEVCEncoder.cpp
   PixelConversion.cpp
+  ThreadPriority.cpp
   VideoEncoder.cpp
 )
 # Its loops are written for the vectorizer, which needs -O3 to take them on; in every build type,

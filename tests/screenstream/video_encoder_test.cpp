@@ -5,12 +5,15 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "OrinLink/screenstream/HEVCBitstream.h"
 #include "OrinLink/screenstream/PixelConversion.h"
+#include "OrinLink/screenstream/ThreadPriority.h"
 #include "OrinLink/screenstream/VideoEncoder.h"
 
 extern "C" {
@@ -192,6 +195,15 @@ TEST(VideoEncoder, ProducesADecodableStreamWithKeyframesOnDemandAndOnTime) {
     EXPECT_EQ(statistics.delivered, std::uint64_t{count});
     EXPECT_EQ(statistics.replaced, 0u);
     EXPECT_EQ(statistics.failed, 0u);
+    // The encoder library's pool lowers its threads' priority; they are put back where the
+    // process may raise a priority.
+    rlimit niceLimit{};
+    const int own = getpriority(PRIO_PROCESS, 0);
+    if (geteuid() == 0 ||
+        (getrlimit(RLIMIT_NICE, &niceLimit) == 0 && 20 - own <= int(niceLimit.rlim_cur))) {
+      for (const pid_t thread : ThreadPriorityKeeper::threads())
+        EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(thread)), own) << thread;
+    }
   }
   const std::vector<EncodedVideoFrame> frames = collector.frames();
   ASSERT_EQ(frames.size(), std::size_t{count});
