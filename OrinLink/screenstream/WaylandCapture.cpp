@@ -108,16 +108,18 @@ class GnomeBinding final : public Binding {
     do {
       const auto after = mutter_.monitors();
       const auto added = addedMonitors(before, after);
-      if (!added.empty()) {
+      // A busy compositor lists the monitor before it gives it a mode, and a monitor without
+      // one can neither be numbered nor laid out.
+      const auto ready = std::find_if(added.begin(), added.end(),
+                                      [](const MutterMonitor& m) { return !m.modeId.empty(); });
+      if (ready != added.end()) {
         for (const auto& [id, monitor] : numbered(after)) {
-          if (monitor.connector == added.front().connector) {
+          if (monitor.connector == ready->connector) {
             cast->id = id;
             cast->name = monitor.displayName.empty() ? monitor.connector : monitor.displayName;
           }
         }
-        cast->adoptAsSole = [this, connector = added.front().connector] {
-          return adoptAsSole(connector);
-        };
+        cast->adoptAsSole = [this, connector = ready->connector] { return adoptAsSole(connector); };
         return cast;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -144,8 +146,19 @@ class GnomeBinding final : public Binding {
   // The layout as it was goes back exactly, in this login session; the user's stored layout was
   // never changed.
   std::function<void()> adoptAsSole(const std::string& connector) {
-    const MutterDisplayState before = mutter_.displayState();
-    mutter_.applyLayout(before.serial, {{0, 0, 1.0, 0, true, {connector}}}, before.monitors);
+    MutterDisplayState before = mutter_.displayState();
+    // The compositor refuses a layout based on a configuration it has changed since, as it does
+    // while the new monitor settles; each try starts from the current one.
+    for (int attempt = 1;; ++attempt) {
+      try {
+        mutter_.applyLayout(before.serial, {{0, 0, 1.0, 0, true, {connector}}}, before.monitors);
+        break;
+      } catch (const Error&) {
+        if (attempt == layoutAttempts) throw;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      before = mutter_.displayState();
+    }
     return [this, before] {
       try {
         mutter_.applyLayout(mutter_.displayState().serial, before.layout, before.monitors);
@@ -154,6 +167,8 @@ class GnomeBinding final : public Binding {
       }
     };
   }
+
+  static constexpr int layoutAttempts = 10;
 
   MutterScreenCast mutter_;
   std::chrono::milliseconds startTimeout_;
