@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <mutex>
+#include <optional>
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -103,13 +105,31 @@ AppState::AppState(Environment environment)
     : env_(std::move(environment)),
       settings_(env_.settingsFile),
       registry_(env_.registryFile, env_.clock, env_.random) {
-  // Files are written on the background executor, in order: every request that authenticates
-  // rewrites the device list, and none of them may wait for fsync on the main loop.
+  // Files are written on the background executor, in order, and only as they are latest: one
+  // generation updates the device list and the settings several times within a millisecond, and
+  // none of them may wait for fsync on the main loop.
   auto writer = [executor = env_.backgroundExecutor](std::filesystem::path file) -> FileWriter {
-    return [executor, file = std::move(file)](std::string contents) {
-      asio::post(executor, [file, contents = std::move(contents)] {
+    struct Pending {
+      std::mutex mutex;
+      std::optional<std::string> contents;
+    };
+    return [executor, file = std::move(file),
+            pending = std::make_shared<Pending>()](std::string contents) {
+      {
+        std::lock_guard lock(pending->mutex);
+        const bool queued = pending->contents.has_value();
+        pending->contents = std::move(contents);
+        if (queued) return;
+      }
+      asio::post(executor, [file, pending] {
+        std::string latest;
+        {
+          std::lock_guard lock(pending->mutex);
+          latest = std::move(*pending->contents);
+          pending->contents.reset();
+        }
         try {
-          writePrivateFile(file, contents);
+          writePrivateFile(file, latest);
         } catch (const std::exception&) {
           // The state in memory stays authoritative; the next change writes the file again.
         }
