@@ -26,18 +26,16 @@ PixelSize captureSize(int pointWidth, int pointHeight, int pixelHeight) {
   return {width, pixelHeight};
 }
 
-struct DisplayCaptureEngine::Session {
-  std::unique_ptr<FrameSource> source;
-  FrameHandler onFrame;
-  StopHandler onStop;
-  std::shared_ptr<FramePacer> pacer;
-  std::chrono::nanoseconds interval{};
+namespace {
+
+// What wakes the capture thread. Apart from the session: the consumer's thread may hold it last,
+// and the session's handlers own that very consumer, which must not end on its own thread.
+struct Signal {
   std::mutex mutex;
   std::condition_variable wake;
   bool stopRequested = false;
   // The pacer's word that its consumer is free: time to ask it again.
   bool demandChanged = false;
-  std::atomic<bool> finished = false;
 
   void requestStop() {
     {
@@ -54,6 +52,18 @@ struct DisplayCaptureEngine::Session {
     }
     wake.notify_all();
   }
+};
+
+}  // namespace
+
+struct DisplayCaptureEngine::Session {
+  std::unique_ptr<FrameSource> source;
+  FrameHandler onFrame;
+  StopHandler onStop;
+  std::shared_ptr<FramePacer> pacer;
+  std::chrono::nanoseconds interval{};
+  std::shared_ptr<Signal> signal = std::make_shared<Signal>();
+  std::atomic<bool> finished = false;
 };
 
 DisplayCaptureEngine::DisplayCaptureEngine(FrameHandler frameHandler, StopHandler stopHandler)
@@ -115,7 +125,7 @@ void DisplayCaptureEngine::stop() {
     session = std::move(session_);
     thread = std::move(thread_);
   }
-  if (session) session->requestStop();
+  if (session) session->signal->requestStop();
   if (!thread.joinable()) return;
   // From a handler the capture thread cannot join itself; it ends when the handler returns, and
   // the session it holds keeps everything it touches alive until then.
@@ -136,8 +146,8 @@ void DisplayCaptureEngine::run(const std::shared_ptr<Session>& session) {
   using Clock = std::chrono::steady_clock;
   FramePacer* pacer = session->pacer.get();
   if (pacer) {
-    pacer->setWake([weak = std::weak_ptr<Session>(session)] {
-      if (auto s = weak.lock()) s->noteDemandChanged();
+    pacer->setWake([weak = std::weak_ptr<Signal>(session->signal)] {
+      if (auto signal = weak.lock()) signal->noteDemandChanged();
     });
   }
   // The next grab no sooner than this.
@@ -145,17 +155,18 @@ void DisplayCaptureEngine::run(const std::shared_ptr<Session>& session) {
   std::optional<DisplayCaptureError> failure;
   for (;;) {
     {
-      std::unique_lock lock(session->mutex);
-      const auto stopOrDemand = [&] { return session->stopRequested || session->demandChanged; };
-      while (!session->stopRequested) {
-        session->demandChanged = false;
+      Signal& signal = *session->signal;
+      std::unique_lock lock(signal.mutex);
+      const auto stopOrDemand = [&] { return signal.stopRequested || signal.demandChanged; };
+      while (!signal.stopRequested) {
+        signal.demandChanged = false;
         if (pacer && !pacer->wantsFrame()) {
-          session->wake.wait(lock, stopOrDemand);
-        } else if (!session->wake.wait_until(lock, earliest, stopOrDemand)) {
+          signal.wake.wait(lock, stopOrDemand);
+        } else if (!signal.wake.wait_until(lock, earliest, stopOrDemand)) {
           break;
         }
       }
-      if (session->stopRequested) break;
+      if (signal.stopRequested) break;
     }
     const auto began = Clock::now();
     try {
@@ -187,8 +198,8 @@ void DisplayCaptureEngine::run(const std::shared_ptr<Session>& session) {
   if (failure) {
     bool stopped = false;
     {
-      std::lock_guard lock(session->mutex);
-      stopped = session->stopRequested;
+      std::lock_guard lock(session->signal->mutex);
+      stopped = session->signal->stopRequested;
     }
     if (!stopped && session->onStop) session->onStop(failure);
   }
