@@ -16,10 +16,10 @@
 #include "OrinLink/screenstream/PortalScreenCast.h"
 
 #include "tests/screenstream/PortalStandIn.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/PipeWireDaemon.h"
 #include "tests/support/PipeWireProducer.h"
-#include "tests/system/SystemFixture.h"
 
 namespace orin::screen {
 namespace {
@@ -33,21 +33,13 @@ using testing_support::eventually;
 // A folder and a session bus of the test's own, which this process uses while it lives.
 class Desktop {
  public:
-  Desktop() : folder_(makeFolder()), bus_(folder_), environment_(bus_.address()) {}
-  ~Desktop() { fs::remove_all(folder_); }
-  const fs::path& folder() const { return folder_; }
+  const fs::path& folder() const { return folder_.path(); }
   const std::string& address() const { return bus_.address(); }
 
  private:
-  static fs::path makeFolder() {
-    std::string name = "/tmp/orin-portal-XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    return name;
-  }
-
-  fs::path folder_;
+  test::TemporaryDirectory folder_;
   test::PrivateBus bus_;
-  test::BusEnvironment environment_;
+  test::BusEnvironment environment_{bus_.address()};
 };
 
 struct Outcome {
