@@ -47,41 +47,32 @@ class EndToEndOnXorg : public ScreenStreamEndToEnd {
   void SetUp() override { start(XServerKind::xorgDummy, "1280x1024"); }
 };
 
-TEST_F(EndToEndOnXvfb, PairsWithTheCodeAndGetsTheConfigurationBeforeAKeyframe) {
-  Headset headset = join("first");
+// Paired with the code, the first frame is a keyframe after its configuration.
+TEST_F(EndToEndOnXvfb, TheStreamDecodesAtItsSizeWithKeyframesAtMostTwoSecondsApart) {
+  Headset headset = join("decoder");
   ASSERT_TRUE(headset.welcome.issuedToken);
   EXPECT_EQ(headset.welcome.accepted.supportsVirtualDisplays, true);
-
   Recording got;
+  // The opening keyframe and two more: two whole periods.
   ASSERT_TRUE(
-      receiveUntil(*headset.client, got, startLimit,
-                   [&] { return !got.frames.empty() && got.sawShape(OrinScreenShape::mirror); }))
+      receiveUntil(*headset.client, got, startLimit, [&] { return keyframes(got.frames) >= 3; }))
       << got.describe() << "\n"
       << app_->log();
+  EXPECT_TRUE(got.sawShape(OrinScreenShape::mirror)) << got.describe();
   ASSERT_EQ(got.order.find_first_of("kf"), got.order.find('k')) << got.order;
   ASSERT_LT(got.order.find('v'), got.order.find('k')) << got.order;
   const OrinScreenVideoConfig& config = got.configs.back();
-  EXPECT_EQ(config.width, 1920);
-  EXPECT_EQ(config.height, 1080);
+  EXPECT_EQ(std::pair(config.width, config.height),
+            (std::pair<std::int64_t, std::int64_t>(1920, 1080)));
   EXPECT_EQ(config.nalLengthSize, 4);
   EXPECT_EQ(config.parameterSets.size(), 3u);
-
   const json state = app_->waitForState([](const json& s) {
-    return s["screenStream"]["clients"] == json::array({"first"}) &&
+    return s["screenStream"]["clients"] == json::array({"decoder"}) &&
            s["screenStream"]["capturing"] == true;
   });
-  EXPECT_EQ(state["screenStream"]["clients"], json::array({"first"}));
+  EXPECT_EQ(state["screenStream"]["clients"], json::array({"decoder"}));
   EXPECT_EQ(state["screenStream"]["capturing"], true);
   EXPECT_EQ(state["devices"].size(), 1u);
-}
-
-TEST_F(EndToEndOnXvfb, TheStreamDecodesAtItsSizeWithKeyframesAtMostTwoSecondsApart) {
-  Headset headset = join("decoder");
-  Recording got;
-  // The opening keyframe and two more: two whole periods.
-  ASSERT_TRUE(receiveUntil(*headset.client, got, startLimit, [&] {
-    return keyframes(got.frames) >= 3;
-  })) << got.order;
 
   const Probe decoded = probe(got, directory_.path() / "stream.hevc");
   EXPECT_EQ(decoded.status, 0);
