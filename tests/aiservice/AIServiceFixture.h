@@ -11,6 +11,7 @@
 
 #include "OrinLink/concurrency/SerialExecutor.h"
 #include "OrinLink/core/AppState.h"
+#include "OrinLink/ui/ControlAPI.h"
 
 #include "tests/aiservice/FakeSystemActions.h"
 #include "tests/core/TemporaryDirectory.h"
@@ -177,6 +178,46 @@ class AIServiceTest : public testing::Test {
   std::mutex eventsMutex_;
   std::vector<std::string> events_;
   std::uint16_t port_ = 0;
+};
+
+// The same, with the control API over the application.
+class ControlAPIServiceTest : public AIServiceTest {
+ protected:
+  void SetUp() override {
+    AIServiceTest::SetUp();
+    startControl();
+  }
+  void TearDown() override {
+    onMain([&] { control_.reset(); });
+    AIServiceTest::TearDown();
+  }
+
+  void startControl() {
+    auto ready = std::make_shared<std::promise<std::uint16_t>>();
+    onMain([&] {
+      control_ =
+          std::make_unique<ControlAPI>(app_, secret, 0, httpLoop_.executor(), mainLoop_.executor());
+      control_->setStateChanged([ready, told = false](bool, std::uint16_t port, auto) mutable {
+        if (!std::exchange(told, true)) ready->set_value(port);
+      });
+      control_->start();
+    });
+    controlPort_ = ready->get_future().get();
+  }
+
+  std::string host() const { return "127.0.0.1:" + std::to_string(controlPort_); }
+
+  // An authorised request from the command line's side.
+  testing_support::HTTPReply api(const std::string& method, const std::string& target,
+                                 const Json& body = nullptr) const {
+    return httpExchange(controlPort_, method, target, body.is_null() ? "" : body.dump(),
+                        {{"Host", host()}, {"Authorization", "Bearer " + secret}});
+  }
+  Json state() const { return Json::parse(api("GET", "/api/state").body); }
+
+  const std::string secret = std::string(64, 'c');
+  std::unique_ptr<ControlAPI> control_;
+  std::uint16_t controlPort_ = 0;
 };
 
 }  // namespace orin::test

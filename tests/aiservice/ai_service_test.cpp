@@ -7,39 +7,6 @@
 namespace orin::test {
 namespace {
 
-// Half-closing after the request, as `nc -N` does, is not leaving: every route still answers.
-TEST_F(AIServiceTest, HalfClosedClientsStillGetTheirReplies) {
-  const std::string token = pair("half-close-device");
-  struct Case {
-    std::string method;
-    std::string target;
-    std::string body;
-    std::string expectedText;
-  };
-  const Case cases[] = {
-      {"GET", "/status", "", R"("edition":"website")"},
-      {"POST", "/v1/generate", generateBody("plain:1b"),
-       R"("assistantMessage":"Hello there, friend.")"},
-      {"POST", "/v1/generate/stream", generateBody("plain:1b"), "event: done\ndata: {}\n\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.target);
-    asio::io_context io;
-    asio::ip::tcp::socket socket(io);
-    socket.connect({asio::ip::address_v4::loopback(), port_});
-    const std::string request = c.method + " " + c.target + " HTTP/1.1\r\nAuthorization: Bearer " +
-                                token + "\r\nContent-Length: " + std::to_string(c.body.size()) +
-                                "\r\n\r\n" + c.body;
-    asio::write(socket, asio::buffer(request));
-    socket.shutdown(asio::ip::tcp::socket::shutdown_send);
-    std::string reply;
-    boost::system::error_code ec;
-    asio::read(socket, asio::dynamic_buffer(reply), ec);
-    EXPECT_TRUE(reply.starts_with("HTTP/1.1 200 OK\r\n")) << reply;
-    EXPECT_NE(reply.find(c.expectedText), std::string::npos) << reply;
-  }
-}
-
 // How a stream in flight ends when something other than the model ends it.
 TEST_F(AIServiceTest, StreamsEndCleanlyWhenTheirConnectionOrDaemonGoes) {
   enum class Ending { devicePairedAgain, daemonDied, clientLeft };

@@ -6,65 +6,22 @@
 #include <boost/asio/write.hpp>
 
 #include "OrinLink/system/EditionGuard.h"
-#include "OrinLink/ui/ControlAPI.h"
 
 #include "tests/aiservice/AIServiceFixture.h"
 
 namespace orin::test {
 namespace {
 
-const std::string secret(64, 'a');
-
-class ControlAPITest : public AIServiceTest {
+class ControlAPITest : public ControlAPIServiceTest {
  protected:
-  void SetUp() override {
-    AIServiceTest::SetUp();
-    startControl();
-  }
-
-  // The control API over the current application.
-  void startControl() {
-    auto ready = std::make_shared<std::promise<std::uint16_t>>();
-    onMain([&] {
-      control_ =
-          std::make_unique<ControlAPI>(app_, secret, 0, httpLoop_.executor(), mainLoop_.executor());
-      control_->setStateChanged([ready, told = false](bool, std::uint16_t port, auto) mutable {
-        if (!std::exchange(told, true)) ready->set_value(port);
-      });
-      control_->start();
-    });
-    controlPort_ = ready->get_future().get();
-  }
-
   void restartWithControl(const Json& settings) {
     onMain([&] { control_.reset(); });
     restart(settings);
     startControl();
   }
-  void TearDown() override {
-    onMain([&] { control_.reset(); });
-    AIServiceTest::TearDown();
-  }
-
-  testing_support::HTTPReply control(const std::string& method, const std::string& target,
-                                     std::vector<std::pair<std::string, std::string>> headers,
-                                     const std::string& body = {}) const {
-    return httpExchange(controlPort_, method, target, body, headers);
-  }
-  std::string host() const { return "127.0.0.1:" + std::to_string(controlPort_); }
-  std::pair<std::string, std::string> authorised() const {
-    return {"Authorization", "Bearer " + secret};
-  }
-
-  Json state() const {
-    return Json::parse(control("GET", "/api/state", {{"Host", host()}, authorised()}).body);
-  }
   testing_support::HTTPReply setupAction(const Json& body) const {
-    return control("POST", "/api/setup/action", {{"Host", host()}, authorised()}, body.dump());
+    return api("POST", "/api/setup/action", body);
   }
-
-  std::unique_ptr<ControlAPI> control_;
-  std::uint16_t controlPort_ = 0;
 };
 
 std::uint16_t unusedLoopbackPort() {
@@ -95,47 +52,9 @@ CommandResult runOrinLink(const std::string& arguments,
   return result;
 }
 
-TEST_F(ControlAPITest, RefusesForeignHostsOriginsAndMissingSecrets) {
-  const std::string local = "http://localhost:" + std::to_string(controlPort_);
-  struct Case {
-    std::string name;
-    std::string method;
-    std::string target;
-    std::vector<std::pair<std::string, std::string>> headers;
-    int status;
-  };
-  const Case cases[] = {
-      {"rebound name", "GET", "/api/state", {{"Host", "evil.example:80"}, authorised()}, 403},
-      {"empty host", "GET", "/api/state", {{"Host", ""}, authorised()}, 403},
-      {"no secret", "GET", "/api/state", {{"Host", host()}}, 401},
-      {"wrong secret", "GET", "/api/state", {{"Host", host()}, {"Authorization", "Bearer b"}}, 401},
-      {"secret", "GET", "/api/state", {{"Host", host()}, authorised()}, 200},
-      {"cookie",
-       "GET",
-       "/api/state",
-       {{"Host", host()}, {"Cookie", "x=1; orinlink_session=" + secret}},
-       200},
-      {"foreign origin",
-       "POST",
-       "/api/pairing/new-code",
-       {{"Host", host()}, authorised(), {"Origin", "http://evil.example"}},
-       403},
-      {"own origin",
-       "POST",
-       "/api/pairing/new-code",
-       {{"Host", host()}, authorised(), {"Origin", local}},
-       200},
-      {"no origin", "POST", "/api/pairing/new-code", {{"Host", host()}, authorised()}, 200},
-      {"unknown operation", "POST", "/api/nothing", {{"Host", host()}, authorised()}, 404},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(control(c.method, c.target, c.headers).status, c.status) << c.name;
-  }
-}
-
 TEST_F(ControlAPITest, TheSnapshotShowsDevicesWithoutTokens) {
   const std::string token = pair("phone-1", "<img src=x onerror=alert(1)>");
-  const auto reply = control("GET", "/api/state", {{"Host", host()}, authorised()});
+  const auto reply = api("GET", "/api/state");
   ASSERT_EQ(reply.status, 200);
   const Json state = Json::parse(reply.body);
   ASSERT_EQ(state["devices"].size(), 1u);
@@ -149,16 +68,10 @@ TEST_F(ControlAPITest, TheSnapshotShowsDevicesWithoutTokens) {
 TEST_F(ControlAPITest, RemovingADeviceStopsItsTokenAtOnce) {
   const std::string token = pair("phone-2");
   EXPECT_EQ(call("GET", "/status", token).status, 200);
-  const Json state =
-      Json::parse(control("GET", "/api/state", {{"Host", host()}, authorised()}).body);
-  const Json body = {{"id", state["devices"][0]["id"]}};
-  EXPECT_EQ(
-      control("POST", "/api/devices/remove", {{"Host", host()}, authorised()}, body.dump()).status,
-      200);
+  const Json body = {{"id", state()["devices"][0]["id"]}};
+  EXPECT_EQ(api("POST", "/api/devices/remove", body).status, 200);
   EXPECT_EQ(call("GET", "/status", token).status, 0);
-  EXPECT_EQ(
-      control("POST", "/api/devices/remove", {{"Host", host()}, authorised()}, body.dump()).status,
-      404);
+  EXPECT_EQ(api("POST", "/api/devices/remove", body).status, 404);
 }
 
 TEST_F(ControlAPITest, TheChangeStreamNamesWhatChanged) {
@@ -175,31 +88,11 @@ TEST_F(ControlAPITest, TheChangeStreamNamesWhatChanged) {
   EXPECT_NE(received.find("text/event-stream"), std::string::npos);
 }
 
-TEST_F(ControlAPITest, TheSnapshotCarriesTheDerivedViews) {
-  ASSERT_TRUE(waitForEvent("Ollama is ready with plain:1b."));
-  Json s = state();
-  EXPECT_EQ(s["setupIssue"]["kind"], "noDevicePaired");
-  EXPECT_TRUE(s["setupIssue"]["copyCommand"].is_null());
-  EXPECT_EQ(s["presenceSentence"], "No device paired yet");
-  EXPECT_EQ(s["orbMood"], "dormant");
-  EXPECT_EQ(s["streamStatusValue"], "Off");
-  EXPECT_TRUE(s["statsLine"].is_null());
-  EXPECT_TRUE(s["badge"].is_null());
-
-  pair("snapshot-device");
-  s = state();
-  EXPECT_TRUE(s["setupIssue"].is_null());
-  EXPECT_EQ(s["orbMood"], "idle");
-  EXPECT_EQ(s["presenceSentence"].get<std::string>().rfind("Orin's ready \u2014 plain ", 0), 0u);
-}
-
 TEST_F(ControlAPITest, ImmediateSettingsDoNotSaveTheWindow) {
-  const auto post = [&](const std::string& path, const Json& body) {
-    return control("POST", path, {{"Host", host()}, authorised()}, body.dump());
-  };
-  ASSERT_EQ(post("/api/settings", {{"showInDock", true}, {"pairingSoundEnabled", false}}).status,
-            200);
-  ASSERT_EQ(post("/api/guide", {{"presented", false}}).status, 200);
+  ASSERT_EQ(
+      api("POST", "/api/settings", {{"showInDock", true}, {"pairingSoundEnabled", false}}).status,
+      200);
+  ASSERT_EQ(api("POST", "/api/guide", {{"presented", false}}).status, 200);
   const Json s = state();
   EXPECT_EQ(s["showInDock"], true);
   EXPECT_EQ(s["pairingSoundEnabled"], false);
@@ -208,15 +101,13 @@ TEST_F(ControlAPITest, ImmediateSettingsDoNotSaveTheWindow) {
   EXPECT_NE(s["lastEvent"], "Settings saved.");
   EXPECT_EQ(onMain([&] { return desktop_->windowedPresence; }), std::optional<bool>(true));
   // A bad field changes nothing.
-  EXPECT_EQ(post("/api/settings", {{"showInDock", false}, {"serverPort", "x"}}).status, 400);
+  EXPECT_EQ(api("POST", "/api/settings", {{"showInDock", false}, {"serverPort", "x"}}).status, 400);
   EXPECT_EQ(state()["showInDock"], true);
 }
 
 // /health is answered off the main loop from a copy that a saved model must replace.
 TEST_F(ControlAPITest, HealthFollowsTheSavedModel) {
-  const Json body = {{"activeModel", "lines:1b"}};
-  ASSERT_EQ(control("POST", "/api/settings", {{"Host", host()}, authorised()}, body.dump()).status,
-            200);
+  ASSERT_EQ(api("POST", "/api/settings", {{"activeModel", "lines:1b"}}).status, 200);
   EXPECT_EQ(Json::parse(call("GET", "/health").body)["activeModel"], "lines:1b");
 }
 
@@ -269,7 +160,7 @@ TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
     restartWithControl(c.settings);
     ASSERT_TRUE(waitForEvent(c.readyEvent));
     if (c.kind == "serverStopped") {
-      ASSERT_EQ(control("POST", "/api/server/stop", {{"Host", host()}, authorised()}).status, 200);
+      ASSERT_EQ(api("POST", "/api/server/stop").status, 200);
     }
     EXPECT_EQ(state()["setupIssue"]["kind"], c.kind);
     EXPECT_EQ(setupAction({{"kind", "noDevicePaired"}}).status, 409);

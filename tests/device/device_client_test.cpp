@@ -1,21 +1,6 @@
-#include <deque>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <boost/asio/as_tuple.hpp>
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/detached.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <boost/asio/use_awaitable.hpp>
-#include <boost/asio/write.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/http/read.hpp>
-#include <boost/beast/http/string_body.hpp>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -23,118 +8,19 @@
 #include "OrinLinkShared/Pairing.h"
 
 #include "DeviceClient.h"
+#include "tests/support/ScriptedHTTPServer.h"
 
 namespace orin::device {
 namespace {
 
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace http = beast::http;
-using asio::ip::tcp;
 using Kind = DeviceError::Kind;
 
-// A host stand-in on 127.0.0.1, port 0. Each connection reads one request, records it, writes the
-// next scripted reply piece by piece (one write each) and closes.
-class CannedHost {
- public:
-  struct Reply {
-    std::vector<std::string> pieces;
-    // Every piece after the first waits for a release().
-    bool gated = false;
-    // Holds the connection open without a byte until the host goes away.
-    bool silent = false;
-  };
-  struct Request {
-    std::string method;
-    std::string target;
-    std::string authorization;
-    std::string contentType;
-    std::string body;
-  };
+using Host = testing_support::ScriptedHTTPServer;
 
-  explicit CannedHost(std::vector<Reply> replies)
-      : replies_(replies.begin(), replies.end()),
-        acceptor_(context_, {asio::ip::address_v4::loopback(), 0}),
-        gate_(context_) {
-    port_ = acceptor_.local_endpoint().port();
-    asio::co_spawn(context_, acceptLoop(), asio::detached);
-    thread_ = std::thread([this] { context_.run(); });
-  }
-  CannedHost(const CannedHost&) = delete;
-  CannedHost& operator=(const CannedHost&) = delete;
-  ~CannedHost() {
-    context_.stop();
-    thread_.join();
-  }
-
-  std::uint16_t port() const { return port_; }
-  std::vector<Request> requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
-  }
-  void release() {
-    asio::post(context_, [this] {
-      ++releases_;
-      gate_.cancel();
-    });
-  }
-
- private:
-  asio::awaitable<void> acceptLoop() {
-    while (true) {
-      auto accepted = co_await acceptor_.async_accept(asio::as_tuple(asio::use_awaitable));
-      if (std::get<0>(accepted)) co_return;
-      asio::co_spawn(context_, serve(std::move(std::get<1>(accepted))), asio::detached);
-    }
-  }
-
-  asio::awaitable<void> serve(tcp::socket socket) {
-    const auto tuple = asio::as_tuple(asio::use_awaitable);
-    beast::flat_buffer buffer;
-    http::request<http::string_body> request;
-    const auto read = co_await http::async_read(socket, buffer, request, tuple);
-    if (std::get<0>(read)) co_return;
-    Reply reply;
-    {
-      std::lock_guard lock(mutex_);
-      requests_.push_back({std::string(request.method_string()), std::string(request.target()),
-                           std::string(request[http::field::authorization]),
-                           std::string(request[http::field::content_type]), request.body()});
-      if (!replies_.empty()) {
-        reply = std::move(replies_.front());
-        replies_.pop_front();
-      }
-    }
-    if (reply.silent) {
-      held_.push_back(std::move(socket));
-      co_return;
-    }
-    for (std::size_t i = 0; i < reply.pieces.size(); ++i) {
-      while (reply.gated && i > 0 && releases_ == 0) {
-        gate_.expires_at(asio::steady_timer::time_point::max());
-        const auto waited = co_await gate_.async_wait(tuple);
-        (void)waited;
-      }
-      if (reply.gated && i > 0) --releases_;
-      const auto written = co_await asio::async_write(socket, asio::buffer(reply.pieces[i]), tuple);
-      if (std::get<0>(written)) co_return;
-    }
-    boost::system::error_code ignored;
-    socket.shutdown(tcp::socket::shutdown_send, ignored);
-  }
-
-  mutable std::mutex mutex_;
-  std::deque<Reply> replies_;
-  std::vector<Request> requests_;
-
-  asio::io_context context_;
-  tcp::acceptor acceptor_;
-  asio::steady_timer gate_;
-  int releases_ = 0;
-  std::vector<tcp::socket> held_;
-  std::uint16_t port_ = 0;
-  std::thread thread_;
-};
+// The pieces are the bytes on the wire, one write each.
+Host::Reply wire(std::vector<std::string> pieces, bool gated = false) {
+  return {200, std::move(pieces), gated, true};
+}
 
 std::string httpReply(unsigned status, std::string_view contentType, std::string_view body) {
   return "HTTP/1.1 " + std::to_string(status) +
@@ -252,7 +138,7 @@ TEST(DeviceClient, EachReplyFormBecomesItsTypedOutcome) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    CannedHost host({{c.pieces}});
+    Host host({wire(c.pieces)});
     const auto failure = failureOf([&] { clientFor(host.port()).status(); });
     ASSERT_TRUE(failure.has_value());
     std::string expected = c.message;
@@ -265,7 +151,7 @@ TEST(DeviceClient, EachReplyFormBecomesItsTypedOutcome) {
 
 TEST(DeviceClient, ErrorRepliesKeepTheirBodyForScripts) {
   const std::string body = errorBody("not_found", "No Orin Link endpoint exists at /models.");
-  CannedHost host({{{jsonReply(404, body)}}});
+  Host host({wire({jsonReply(404, body)})});
   try {
     clientFor(host.port()).models();
     FAIL() << "a 404 must fail";
@@ -275,19 +161,14 @@ TEST(DeviceClient, ErrorRepliesKeepTheirBodyForScripts) {
 }
 
 TEST(DeviceClient, RefusedAndSilentHostsAreUnreachable) {
-  std::uint16_t closedPort = 0;
-  {
-    asio::io_context context;
-    tcp::acceptor acceptor(context, {asio::ip::address_v4::loopback(), 0});
-    closedPort = acceptor.local_endpoint().port();
-  }
+  const std::uint16_t closedPort = Host().port();
   const auto refused = failureOf([&] { clientFor(closedPort).health(); });
   ASSERT_TRUE(refused.has_value());
   EXPECT_EQ(refused->kind, Kind::unreachable);
   EXPECT_EQ(refused->message, prefixFor(closedPort) + "Connection refused");
   EXPECT_EQ(refused->exitCode, 7);
 
-  CannedHost silent({{{}, false, true}});
+  Host silent({Host::Reply{0, {}}});
   const auto timedOut =
       failureOf([&] { clientFor(silent.port(), std::chrono::milliseconds(50)).health(); });
   ASSERT_TRUE(timedOut.has_value());
@@ -306,7 +187,7 @@ TEST(DeviceClient, GenerateSendsTheRequestWithAReferenceDateNumber) {
   const OrinLinkResponse response{Uuid::random(),         request.id,  OrinLinkStatus::success,
                                   OrinLane::toolProposal, "Sure.",     call,
                                   std::nullopt,           std::nullopt};
-  CannedHost host({{{jsonReply(200, encodeJSON(response))}}});
+  Host host({wire({jsonReply(200, encodeJSON(response))})});
 
   const auto answer = clientFor(host.port()).generate(request);
   EXPECT_EQ(answer.value, response);
@@ -325,7 +206,7 @@ TEST(DeviceClient, GenerateSendsTheRequestWithAReferenceDateNumber) {
 
 TEST(DeviceClient, PairSendsThePairRequestWithoutAToken) {
   const PairRequest request{"123 456", "6F1D2C3B-0000-4000-8000-000000000001", "Bench"};
-  CannedHost host({{{jsonReply(200, encodeJSON(PairResponse{request.deviceId, "secret"}))}}});
+  Host host({wire({jsonReply(200, encodeJSON(PairResponse{request.deviceId, "secret"}))})});
   DeviceClient client({"127.0.0.1", host.port(), std::nullopt, std::chrono::seconds(10)});
 
   EXPECT_EQ(client.pair(request).value.token, "secret");
@@ -366,7 +247,7 @@ TEST(DeviceClient, StreamsEndInDoneOrInTheirTypedFailure) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    CannedHost host({{c.pieces}});
+    Host host({wire(c.pieces)});
     std::vector<std::string> tokens;
     const auto failure = failureOf([&] {
       clientFor(host.port())
@@ -388,9 +269,9 @@ TEST(DeviceClient, StreamsEndInDoneOrInTheirTypedFailure) {
 TEST(DeviceClient, StreamDeliversEachTokenBeforeTheRestArrives) {
   // The host holds everything after the first token until the client has shown that token; a
   // client that waited for the whole body would time out instead.
-  CannedHost host(
-      {{{eventStreamHead + "data: first\n\n", "data: second\n\n", "event: done\ndata: {}\n\n"},
-        true}});
+  Host host(
+      {wire({eventStreamHead + "data: first\n\n", "data: second\n\n", "event: done\ndata: {}\n\n"},
+            true)});
   std::vector<std::string> tokens;
   clientFor(host.port())
       .generateStream(makeGenerateRequest("hi", std::nullopt, std::nullopt, std::nullopt),

@@ -1,71 +1,24 @@
 #pragma once
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
-#include <spawn.h>
-#include <stdexcept>
 #include <string>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-extern char** environ;
+#include "tests/support/ChildProcess.h"
 
 namespace orin::test {
 
 using Clock = std::chrono::steady_clock;
 
 inline constexpr auto trayBound = std::chrono::seconds(10);
-
-// A bus of our own, so that nothing reaches the user's tray and no real tray host interferes.
-class PrivateBus {
- public:
-  PrivateBus() {
-    int ends[2];
-    if (::pipe(ends) != 0) throw std::runtime_error("pipe");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, ends[0]);
-    // It grumbles about resource limits it may not raise here; nothing a test needs.
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    const char* argv[] = {"dbus-daemon", "--session",         "--nofork",
-                          "--nopidfile", "--print-address=1", nullptr};
-    const int spawned =
-        ::posix_spawnp(&pid_, "dbus-daemon", &actions, nullptr, const_cast<char**>(argv), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(ends[1]);
-    if (spawned != 0) {
-      ::close(ends[0]);
-      throw std::runtime_error("dbus-daemon could not start: install the dbus package");
-    }
-    FILE* out = ::fdopen(ends[0], "r");
-    char line[512] = {};
-    const bool read = std::fgets(line, sizeof line, out) != nullptr;
-    std::fclose(out);
-    address_ = read ? std::string(line) : std::string();
-    while (!address_.empty() && address_.back() == '\n')
-      address_.pop_back();
-  }
-  ~PrivateBus() {
-    ::kill(pid_, SIGTERM);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  const std::string& address() const { return address_; }
-
- private:
-  pid_t pid_ = -1;
-  std::string address_;
-};
 
 struct BusDeleter {
   void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }

@@ -8,7 +8,6 @@
 #include <boost/asio/write.hpp>
 
 #include "OrinLink/core/SetupGuide.h"
-#include "OrinLink/ui/ControlAPI.h"
 #include "OrinLink/ui/ControlPanelAssets.h"
 #include "OrinLink/ui/QRCode.h"
 #include "OrinLink/ui/TrayItem.h"
@@ -18,8 +17,6 @@
 
 namespace orin::test {
 namespace {
-
-const std::string secret(64, 'c');
 
 struct Reply {
   int status = 0;
@@ -59,27 +56,8 @@ Reply rawExchange(std::uint16_t port, const std::string& request) {
   return reply;
 }
 
-class ControlPanelTest : public AIServiceTest {
+class ControlPanelTest : public ControlAPIServiceTest {
  protected:
-  void SetUp() override {
-    AIServiceTest::SetUp();
-    std::promise<std::uint16_t> ready;
-    onMain([&] {
-      control_ =
-          std::make_unique<ControlAPI>(app_, secret, 0, httpLoop_.executor(), mainLoop_.executor());
-      control_->setStateChanged(
-          [&ready](bool, std::uint16_t port, auto) { ready.set_value(port); });
-      control_->start();
-    });
-    controlPort_ = ready.get_future().get();
-  }
-  void TearDown() override {
-    onMain([&] { control_.reset(); });
-    AIServiceTest::TearDown();
-  }
-
-  std::string host() const { return "127.0.0.1:" + std::to_string(controlPort_); }
-
   Reply request(const std::string& method, const std::string& target,
                 const std::vector<std::string>& fields) const {
     std::string text = method + " " + target + " HTTP/1.1\r\n";
@@ -87,9 +65,6 @@ class ControlPanelTest : public AIServiceTest {
       text += field + "\r\n";
     return rawExchange(controlPort_, text + "Content-Length: 0\r\n\r\n");
   }
-
-  std::unique_ptr<ControlAPI> control_;
-  std::uint16_t controlPort_ = 0;
 };
 
 TEST_F(ControlPanelTest, ThePageOpensWithoutTheSecretAndNothingElseDoes) {
@@ -117,6 +92,24 @@ TEST_F(ControlPanelTest, ThePageOpensWithoutTheSecretAndNothingElseDoes) {
        403,
        ""},
       {"page without a host", "GET", "/", {}, 403, ""},
+      {"state for a rebound name", "GET", "/api/state", {"Host: evil.example:80", bearer}, 403, ""},
+      {"state for an empty host", "GET", "/api/state", {"Host: ", bearer}, 403, ""},
+      {"state without the secret", "GET", "/api/state", {own}, 401, ""},
+      {"state", "GET", "/api/state", {own, bearer}, 200, "application/json; charset=utf-8"},
+      {"state by cookie",
+       "GET",
+       "/api/state",
+       {own, "Cookie: x=1; orinlink_session=" + secret},
+       200,
+       ""},
+      {"new code without an origin", "POST", "/api/pairing/new-code", {own, bearer}, 200, ""},
+      {"new code from its own page by name",
+       "POST",
+       "/api/pairing/new-code",
+       {own, bearer, "Origin: http://localhost:" + std::to_string(controlPort_)},
+       200,
+       ""},
+      {"unknown operation", "POST", "/api/nothing", {own, bearer}, 404, ""},
       {"page posted to", "POST", "/", {own, bearer}, 404, ""},
       {"unknown file", "GET", "/assets/other.js", {own}, 401, ""},
       {"QR code without the secret", "GET", "/api/pairing/qr.svg", {own}, 401, ""},

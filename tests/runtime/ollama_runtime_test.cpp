@@ -173,13 +173,14 @@ class OllamaRuntimeTest : public testing::Test {
       if (i > 0) daemon_.release();
       EXPECT_EQ(within(stream.next(asio::use_future)), expected[i]);
     }
-    ASSERT_TRUE(daemon_.waitForRequests(1, bound));
+    ASSERT_TRUE(daemon_.waitForRequests(++exchanges_, bound));
     stream.cancel();
-    EXPECT_TRUE(daemon_.waitForEarlyClose(bound));
+    EXPECT_TRUE(daemon_.waitForEarlyClose(bound, exchanges_));
   }
 
   FakeDaemon daemon_;
   SerialExecutor loop_{"test.runtime"};
+  std::size_t exchanges_ = 0;
 };
 
 TEST_F(OllamaRuntimeTest, ListsModels) {
@@ -377,25 +378,14 @@ TEST_F(OllamaRuntimeTest, StreamsPiecesAndRetriesOnceWithoutThink) {
   }
 }
 
-TEST_F(OllamaRuntimeTest, StreamDeliversPiecesAsTheyArriveAndLeavingClosesUpstream) {
+TEST_F(OllamaRuntimeTest, StreamsDeliverAsTheyArriveAndLeavingClosesUpstream) {
+  const auto generation = [](OllamaRuntime& r) { return r.stream({"p", "m", 0.7, false}); };
   deliversAsItArrivesThenLeaves<std::string>(
-      [](OllamaRuntime& r) {
-        return r.stream({"p", "m", 0.7, false});
-      },
+      generation,
       Reply{
           200, {"{\"response\":\"one\"}\n", "{\"response\":\"two\"}\n", "{\"done\":true}\n"}, true},
       {"one", "two"});
-}
-
-TEST_F(OllamaRuntimeTest, LeavingBeforeAnyAnswerClosesUpstream) {
-  deliversAsItArrivesThenLeaves<std::string>(
-      [](OllamaRuntime& r) {
-        return r.stream({"p", "m", 0.7, false});
-      },
-      silence, {});
-}
-
-TEST_F(OllamaRuntimeTest, PullDeliversProgressAsItArrivesAndLeavingClosesUpstream) {
+  deliversAsItArrivesThenLeaves<std::string>(generation, silence, {});
   deliversAsItArrivesThenLeaves<PullProgress>(
       [](OllamaRuntime& r) { return r.pull("m"); },
       Reply{200, {"{\"status\":\"a\"}\n", "{\"status\":\"b\"}\n", "{\"status\":\"c\"}\n"}, true},

@@ -1,16 +1,10 @@
-# The portal client against a stand-in portal on a private dbus-daemon (the system tests'
-# fixture); with the PipeWire test support, one case reads frames from a real node through it.
+# The portal client against a stand-in portal on a private dbus-daemon.
 add_library(orin_portal_standin STATIC PortalStandIn.cpp)
 target_include_directories(orin_portal_standin PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(orin_portal_standin PUBLIC OrinLinkSdBus Threads::Threads)
 orin_set_warnings(orin_portal_standin)
 
 orin_add_test_executable(portal_screencast_tests
-  LINK OrinLinkPortalScreenCast orin_portal_standin OrinLinkPipeWireCapture
-       orin_pipewire_test_support
-  SOURCES portal_screencast_test.cpp ${PROJECT_SOURCE_DIR}/tests/system/SystemFixture.cpp
+  LINK OrinLinkPortalScreenCast orin_portal_standin orin_process_test_support
+  SOURCES portal_screencast_test.cpp
   PROPERTIES TIMEOUT 120)
-target_include_directories(portal_screencast_tests PRIVATE ${PROJECT_SOURCE_DIR})
-# The fixture also starts the system tests' stand-in; these tests never do.
-target_compile_definitions(portal_screencast_tests PRIVATE
-  ORIN_BUS_STANDIN="$<TARGET_FILE:bus_standin>")

@@ -12,14 +12,11 @@
 #include <gtest/gtest.h>
 
 #include "OrinLink/screenstream/DisplayCaptureError.h"
-#include "OrinLink/screenstream/PipeWireCapture.h"
 #include "OrinLink/screenstream/PortalScreenCast.h"
 
 #include "tests/screenstream/PortalStandIn.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/PipeWireDaemon.h"
-#include "tests/support/PipeWireProducer.h"
-#include "tests/system/SystemFixture.h"
 
 namespace orin::screen {
 namespace {
@@ -33,21 +30,13 @@ using testing_support::eventually;
 // A folder and a session bus of the test's own, which this process uses while it lives.
 class Desktop {
  public:
-  Desktop() : folder_(makeFolder()), bus_(folder_), environment_(bus_.address()) {}
-  ~Desktop() { fs::remove_all(folder_); }
-  const fs::path& folder() const { return folder_; }
+  const fs::path& folder() const { return folder_.path(); }
   const std::string& address() const { return bus_.address(); }
 
  private:
-  static fs::path makeFolder() {
-    std::string name = "/tmp/orin-portal-XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    return name;
-  }
-
-  fs::path folder_;
+  test::TemporaryDirectory folder_;
   test::PrivateBus bus_;
-  test::BusEnvironment environment_;
+  test::BusEnvironment environment_{bus_.address()};
 };
 
 struct Outcome {
@@ -212,30 +201,6 @@ TEST(PortalScreenCast, TheRestoreTokenIsKeptPrivateAndBroughtBack) {
   ASSERT_TRUE(attempt(cast, portalSourceMonitor).stream);
   EXPECT_EQ(portal.seen().restoreToken, "token-2");
   EXPECT_FALSE(fs::exists(file));
-}
-
-TEST(PortalScreenCast, FramesArriveThroughTheRemoteAndNodeItHandsOut) {
-  using testing_support::PipeWireDaemon;
-  using testing_support::PipeWireProducer;
-  if (auto why = PipeWireDaemon::unavailable()) GTEST_SKIP() << *why;
-  std::string why;
-  const auto pipeWire = PipeWireDaemon::start(why);
-  ASSERT_TRUE(pipeWire) << why;
-  const auto producer = PipeWireProducer::start(*pipeWire, {.width = 320, .height = 240});
-  ASSERT_TRUE(producer);
-
-  const Desktop desktop;
-  const test::PortalStandIn portal(
-      desktop.address(), Behaviour{.streams = {{producer->nodeId(), std::make_pair(320, 240)}},
-                                   .pipeWireSocket = pipeWire->socketPath()});
-  PortalScreenCast cast({.restoreTokenFile = desktop.folder() / "token"});
-  PortalStream stream = cast.start(portalSourceMonitor);
-  PipeWireTarget target;
-  target.remoteFd = std::exchange(stream.remoteFd, -1);
-  target.nodeId = stream.nodeId;
-  const auto capture = PipeWireCapture::open(target, 10s);
-  EXPECT_EQ(capture->width(), 320U);
-  EXPECT_TRUE(eventually([&] { return capture->latest().has_value(); }));
 }
 
 }  // namespace

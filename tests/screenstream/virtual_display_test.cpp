@@ -276,21 +276,6 @@ TEST_F(VirtualDisplayTest, AFreeDummyOutputShowsItBesideTheDesktop) {
   EXPECT_EQ(fake.changes.size(), changes);
 }
 
-TEST_F(VirtualDisplayTest, WithoutAVirtualOutputABareMonitorOverAGrownFramebuffer) {
-  fake = FakeDisplayConfigurator::xvfbServer(7040, 1440);
-  original = fake.state;
-  {
-    auto display = create(3840, 1080);
-    EXPECT_EQ(display->outputName(), "");
-    EXPECT_EQ(fake.state.screen.width, 5760u);
-    EXPECT_EQ(fake.state.screen.height, 1080u);
-    EXPECT_EQ(fake.state.userMonitors,
-              (std::vector<MonitorInfo>{{"Orin Wide", 1920, 0, 3840, 1080, 895, 252, {}}}));
-    EXPECT_EQ(display->displayID(), displayIdForMonitorName("Orin Wide"));
-  }
-  EXPECT_EQ(fake.state, original);
-}
-
 TEST_F(VirtualDisplayTest, RefusalsSayWhy) {
   struct Case {
     const char* what;

@@ -79,9 +79,9 @@ class ScriptedHTTPServer {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, bound, [&] { return requests_.size() >= count; });
   }
-  bool waitForEarlyClose(std::chrono::steady_clock::duration bound) {
+  bool waitForEarlyClose(std::chrono::steady_clock::duration bound, std::size_t count = 1) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, bound, [this] { return earlyCloses_ > 0; });
+    return changed_.wait_for(lock, bound, [&] { return earlyCloses_ >= count; });
   }
 
  private:
@@ -202,7 +202,7 @@ class ScriptedHTTPServer {
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  int earlyCloses_ = 0;
+  std::size_t earlyCloses_ = 0;
   std::deque<Reply> replies_;
   std::vector<Request> requests_;
   std::thread thread_;

@@ -6,8 +6,6 @@
 
 #include "tests/support/XServerProcess.h"
 
-extern char** environ;
-
 namespace orin::testing_support {
 namespace {
 
@@ -63,36 +61,6 @@ std::unique_ptr<WaylandSessionProcess> WaylandSessionProcess::start(const Option
 WaylandSessionProcess::~WaylandSessionProcess() {
   runShell("ORIN_WAYLAND_PID=" + pid_ + " ORIN_WAYLAND_DIR=" + shellQuoted(directory_) + " " +
            shellQuoted(WAYLAND_SESSION_SCRIPT) + " stop");
-}
-
-std::vector<std::string> WaylandSessionProcess::environment() const {
-  std::map<std::string, std::string> variables;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    const auto at = text.find('=');
-    if (at != std::string::npos) variables[text.substr(0, at)] = text.substr(at + 1);
-  }
-  variables.erase("PIPEWIRE_REMOTE");
-  variables["DBUS_SESSION_BUS_ADDRESS"] = busAddress_;
-  variables["XDG_RUNTIME_DIR"] = runtimeDir_;
-  const std::pair<const char*, const std::string*> display[] = {
-      {"WAYLAND_DISPLAY", &waylandDisplay_}, {"DISPLAY", &xDisplay_}, {"XAUTHORITY", &xauthority_}};
-  for (const auto& [name, value] : display) {
-    if (value->empty()) {
-      variables.erase(name);
-    } else {
-      variables[name] = *value;
-    }
-  }
-  if (waylandDisplay_.empty()) {
-    variables.erase("XDG_SESSION_TYPE");
-  } else {
-    variables["XDG_SESSION_TYPE"] = "wayland";
-  }
-  std::vector<std::string> result;
-  for (const auto& [name, value] : variables)
-    result.push_back(name + "=" + value);
-  return result;
 }
 
 }  // namespace orin::testing_support

@@ -3,7 +3,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace orin::testing_support {
 
@@ -34,8 +33,6 @@ class WaylandSessionProcess {
   const std::string& waylandDisplay() const { return waylandDisplay_; }
   const std::string& xDisplay() const { return xDisplay_; }
   const std::string& xauthority() const { return xauthority_; }
-  // This process's environment as NAME=VALUE, pointed at the session, for a child process.
-  std::vector<std::string> environment() const;
 
  private:
   WaylandSessionProcess() = default;

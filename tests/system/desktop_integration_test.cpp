@@ -43,7 +43,7 @@ class BusTest : public ::testing::Test {
   BusStandIn& services() { return *services_; }
 
   TemporaryDirectory folder_;
-  PrivateBus bus_{folder_.path()};
+  PrivateBus bus_;
   BusEnvironment environment_{bus_.address()};
   std::optional<BusStandIn> services_;
 };

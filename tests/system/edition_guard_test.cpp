@@ -151,7 +151,7 @@ class TwoCopiesTest : public ::testing::Test {
   }
 
   TemporaryDirectory folder_;
-  PrivateBus bus_{folder_.path()};
+  PrivateBus bus_;
   BusStandIn notifications_{bus_.address(), {"--notifications"}};
 };
 
