@@ -17,6 +17,7 @@
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/http/RouteTable.h"
 #include "OrinLink/pairing/TokenHash.h"
+#include "OrinLink/runtime/OllamaExchange.h"
 #include "OrinLinkShared/ToolCallParser.h"
 
 namespace orin {
@@ -157,6 +158,7 @@ AIService::AIService(AIServiceHost& host, asio::any_io_executor mainExecutor,
     : host_(host),
       main_(std::move(mainExecutor)),
       relay_(std::move(relayExecutor)),
+      spare_(std::make_shared<SpareConnection>(relay_)),
       board_(std::make_shared<Board>()) {
   republish();
 }
@@ -435,9 +437,11 @@ TextChunkStream AIService::relay(OllamaRuntime upstreamClient, ModelGenerateRequ
 
 void AIService::republish() {
   const std::string activeModel = host_.statusFacts().activeModel;
+  OllamaRuntime relayRuntime = host_.runtimeOn(relay_);
+  relayRuntime.useSpareConnection(spare_);
   board_->facts = std::make_shared<const Board::Facts>(
       Board::Facts{healthResponse(activeModel).serialized(), activeModel, host_.pairedDevices(),
-                   host_.runtimeOn(relay_)});
+                   std::move(relayRuntime)});
 }
 
 void AIService::warmUp() {

@@ -62,6 +62,8 @@ class AIService : public std::enable_shared_from_this<AIService> {
   AIServiceHost& host_;
   boost::asio::any_io_executor main_;
   boost::asio::any_io_executor relay_;
+  // Relayed streams find a daemon connection waiting here.
+  std::shared_ptr<SpareConnection> spare_;
   std::shared_ptr<Board> board_;
 };
 

@@ -1,5 +1,8 @@
 #include "OrinLink/runtime/OllamaExchange.h"
 
+#include <cerrno>
+#include <sys/socket.h>
+
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ssl/error.hpp>
@@ -46,14 +49,63 @@ std::string hostHeader(const OllamaEndpoint& endpoint) {
 
 }  // namespace
 
+SpareConnection::SpareConnection(asio::any_io_executor executor)
+    : resolver_(executor), socket_(std::move(executor)) {}
+
+std::optional<asio::ip::tcp::socket> SpareConnection::take(const OllamaEndpoint& endpoint) {
+  if (!ready_) return std::nullopt;
+  ready_ = false;
+  std::optional<asio::ip::tcp::socket> taken(std::move(socket_));
+  socket_ = asio::ip::tcp::socket(taken->get_executor());
+  if (host_ != endpoint.host || port_ != endpoint.port) return std::nullopt;
+  // An idle daemon connection has nothing to read; end of stream or any byte means the daemon
+  // closed it or answered it (a time-out reply), and it is of no use.
+  char byte = 0;
+  const ssize_t peeked = ::recv(taken->native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (peeked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return taken;
+  return std::nullopt;
+}
+
+void SpareConnection::replenish(const OllamaEndpoint& endpoint) {
+  if (ready_ || opening_) return;
+  opening_ = true;
+  host_ = endpoint.host;
+  port_ = endpoint.port;
+  const auto opened = [self = shared_from_this()](error_code ec) {
+    self->opening_ = false;
+    if (ec) {
+      error_code ignored;
+      self->socket_.close(ignored);
+      return;
+    }
+    self->ready_ = true;
+  };
+  error_code notALiteral;
+  const auto literal = asio::ip::make_address(endpoint.host, notALiteral);
+  if (!notALiteral) {
+    socket_.async_connect({literal, endpoint.port}, opened);
+    return;
+  }
+  resolver_.async_resolve(endpoint.host, std::to_string(endpoint.port),
+                          [self = shared_from_this(), opened](
+                              error_code ec, const asio::ip::tcp::resolver::results_type& found) {
+                            if (ec) return opened(ec);
+                            asio::async_connect(
+                                self->socket_, found,
+                                [opened](error_code failed, const auto&) { opened(failed); });
+                          });
+}
+
 OllamaExchange::OllamaExchange(asio::any_io_executor executor,
                                std::shared_ptr<asio::ssl::context> tls,
-                               std::chrono::steady_clock::duration idleTimeout)
+                               std::chrono::steady_clock::duration idleTimeout,
+                               std::shared_ptr<SpareConnection> spare)
     : tlsContext_(std::move(tls)),
       idleTimeout_(idleTimeout),
       resolver_(executor),
       tcp_(executor),
-      idleWatch_(std::make_shared<IdleWatch>(executor)) {
+      idleWatch_(std::make_shared<IdleWatch>(executor)),
+      spare_(std::move(spare)) {
   // Streams may run for hours; only the per-read idle time-out bounds them.
   parser_.body_limit(boost::none);
   buffer_.reserve(readBytes);
@@ -62,6 +114,44 @@ OllamaExchange::OllamaExchange(asio::any_io_executor executor,
 asio::awaitable<unsigned> OllamaExchange::begin(OllamaEndpoint endpoint, http::verb method,
                                                 std::string path,
                                                 std::optional<std::string> jsonBody) {
+  endpoint_ = std::move(endpoint);
+  http::request<http::string_body> request{method, endpoint_.pathPrefix + path, 11};
+  // The daemon checks Host against the address it listens on, port included.
+  request.set(http::field::host, hostHeader(endpoint_));
+  request.keep_alive(false);
+  if (jsonBody) {
+    request.set(http::field::content_type, "application/json");
+    request.body() = std::move(*jsonBody);
+  }
+  request.prepare_payload();
+
+  std::optional<asio::ip::tcp::socket> spare;
+  if (spare_ && !tlsContext_) spare = spare_->take(endpoint_);
+  if (spare) {
+    tcp_.socket() = std::move(*spare);
+    error_code ec = co_await exchangeHead(request);
+    throwIfClosed();
+    // The daemon may have dropped an idle connection just as it was taken; before any answer
+    // arrived nothing was done, so the request goes again on a connection of its own.
+    const bool droppedUnanswered =
+        (ec == http::error::end_of_stream || ec == asio::error::connection_reset ||
+         ec == asio::error::broken_pipe || ec == asio::error::eof) &&
+        !parser_.got_some() && buffer_.size() == 0;
+    if (!droppedUnanswered) {
+      if (ec) fail(ec);
+      co_return parser_.get().result_int();
+    }
+    error_code ignored;
+    tcp_.socket().close(ignored);
+  }
+  co_await connect(endpoint_);
+  const error_code ec = co_await exchangeHead(request);
+  throwIfClosed();
+  if (ec) fail(ec);
+  co_return parser_.get().result_int();
+}
+
+asio::awaitable<void> OllamaExchange::connect(const OllamaEndpoint& endpoint) {
   // Temporaries stay out of co_await expressions: GCC 12 may destroy them twice.
   error_code notALiteral;
   const auto literal = asio::ip::make_address(endpoint.host, notALiteral);
@@ -77,48 +167,42 @@ asio::awaitable<unsigned> OllamaExchange::begin(OllamaEndpoint endpoint, http::v
     co_await tcp_.async_connect(addresses, asio::use_awaitable);
   }
   throwIfClosed();
+  if (!tlsContext_) co_return;
 
-  if (tlsContext_) {
-    tls_.emplace(tcp_, *tlsContext_);
-    error_code notAnAddress;
-    asio::ip::make_address(endpoint.host, notAnAddress);
-    // Server names are never IP literals. (SSL_set_tlsext_host_name spelled out: the macro casts
-    // in C style.)
-    if (notAnAddress &&
-        SSL_ctrl(tls_->native_handle(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
-                 const_cast<char*>(endpoint.host.c_str())) != 1) {
-      throw boost::system::system_error(asio::error::invalid_argument);
-    }
-    tls_->set_verify_mode(asio::ssl::verify_peer);
-    tls_->set_verify_callback(asio::ssl::host_name_verification(endpoint.host));
-    tcp_.expires_after(idleTimeout_);
-    co_await tls_->async_handshake(asio::ssl::stream_base::client, asio::use_awaitable);
-    throwIfClosed();
+  tls_.emplace(tcp_, *tlsContext_);
+  // Server names are never IP literals. (SSL_set_tlsext_host_name spelled out: the macro casts
+  // in C style.)
+  if (notALiteral &&
+      SSL_ctrl(tls_->native_handle(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+               const_cast<char*>(endpoint.host.c_str())) != 1) {
+    throw boost::system::system_error(asio::error::invalid_argument);
   }
-
-  http::request<http::string_body> request{method, endpoint.pathPrefix + path, 11};
-  // The daemon checks Host against the address it listens on, port included.
-  request.set(http::field::host, hostHeader(endpoint));
-  request.keep_alive(false);
-  if (jsonBody) {
-    request.set(http::field::content_type, "application/json");
-    request.body() = std::move(*jsonBody);
-  }
-  request.prepare_payload();
-
+  tls_->set_verify_mode(asio::ssl::verify_peer);
+  tls_->set_verify_callback(asio::ssl::host_name_verification(endpoint.host));
   tcp_.expires_after(idleTimeout_);
-  co_await onStream(
-      [&](auto& stream) { return http::async_write(stream, request, asio::use_awaitable); });
+  co_await tls_->async_handshake(asio::ssl::stream_base::client, asio::use_awaitable);
   throwIfClosed();
+}
 
+asio::awaitable<error_code> OllamaExchange::exchangeHead(
+    http::request<http::string_body>& request) {
+  tcp_.expires_after(idleTimeout_);
+  auto [written, sent] = co_await onStream([&](auto& stream) {
+    return http::async_write(stream, request, asio::as_tuple(asio::use_awaitable));
+  });
+  (void)sent;
+  if (written) co_return written;
+  throwIfClosed();
   tcp_.expires_after(idleTimeout_);
   auto [ec, read] = co_await onStream([&](auto& stream) {
     return http::async_read_header(stream, buffer_, parser_, asio::as_tuple(asio::use_awaitable));
   });
   (void)read;
-  throwIfClosed();
-  if (ec) fail(ec);
-  co_return parser_.get().result_int();
+  co_return ec;
+}
+
+void OllamaExchange::prepareNext() {
+  if (spare_ && !tlsContext_) spare_->replenish(endpoint_);
 }
 
 asio::awaitable<std::optional<std::string_view>> OllamaExchange::readBody() {

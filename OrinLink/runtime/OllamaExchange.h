@@ -2,6 +2,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,11 +18,35 @@
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/buffer_body.hpp>
 #include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/verb.hpp>
 
 #include "OrinLink/runtime/OllamaRuntime.h"
 
 namespace orin {
+
+// A connection to the daemon opened before it is needed, so that a generation's request leaves at
+// once instead of after a connect (and, for a host name, a lookup on the resolver's thread). At
+// most one is kept, for plain http only. Used on one single-threaded executor.
+class SpareConnection : public std::enable_shared_from_this<SpareConnection> {
+ public:
+  explicit SpareConnection(boost::asio::any_io_executor executor);
+
+  // The spare if it leads to `endpoint` and the daemon has not closed or written to it.
+  std::optional<boost::asio::ip::tcp::socket> take(const OllamaEndpoint& endpoint);
+  // Opens the next spare unless one is ready or on its way. A failure leaves none: the next
+  // request connects by itself and reports what went wrong.
+  void replenish(const OllamaEndpoint& endpoint);
+  bool ready() const { return ready_; }
+
+ private:
+  boost::asio::ip::tcp::resolver resolver_;
+  boost::asio::ip::tcp::socket socket_;
+  std::string host_;
+  std::uint16_t port_ = 0;
+  bool ready_ = false;
+  bool opening_ = false;
+};
 
 // One HTTP request to the daemon on a connection of its own, over TCP or TLS. Every step waits at
 // most the idle time-out for the next bytes. Transport failures surface as
@@ -29,9 +54,12 @@ namespace orin {
 class OllamaExchange {
  public:
   // `tls` is the client context for https endpoints, null for http.
+  // `spare`, when given, supplies the connection if it can and gets a new one when this exchange
+  // ends.
   OllamaExchange(boost::asio::any_io_executor executor,
                  std::shared_ptr<boost::asio::ssl::context> tls,
-                 std::chrono::steady_clock::duration idleTimeout);
+                 std::chrono::steady_clock::duration idleTimeout,
+                 std::shared_ptr<SpareConnection> spare = nullptr);
   OllamaExchange(const OllamaExchange&) = delete;
   OllamaExchange& operator=(const OllamaExchange&) = delete;
 
@@ -45,6 +73,9 @@ class OllamaExchange {
   boost::asio::awaitable<std::string> readWholeBody();
   // The next line of the body that is not blank, trimmed; nothing at the body's end.
   boost::asio::awaitable<std::optional<std::string>> readLine();
+
+  // Has the spare opened for the next exchange; for one that ended normally, while its loop runs.
+  void prepareNext();
 
   // Makes whatever is pending fail at once. Call on the exchange's executor.
   void close();
@@ -80,6 +111,11 @@ class OllamaExchange {
   boost::asio::awaitable<boost::asio::ip::tcp::resolver::results_type> resolve(
       const std::string& host, const std::string& service);
 
+  boost::asio::awaitable<void> connect(const OllamaEndpoint& endpoint);
+  // Sends the request and reads the answer's head; the error of either step.
+  boost::asio::awaitable<boost::system::error_code> exchangeHead(
+      boost::beast::http::request<boost::beast::http::string_body>& request);
+
   template <class Operation>
   auto onStream(Operation operation) {
     if (tls_) return operation(*tls_);
@@ -97,6 +133,8 @@ class OllamaExchange {
   std::string pendingLines_;
   std::shared_ptr<IdleWatch> idleWatch_;
   std::shared_ptr<Lookup> lookup_;
+  std::shared_ptr<SpareConnection> spare_;
+  OllamaEndpoint endpoint_;
   bool bodyEnded_ = false;
   bool closed_ = false;
 };

@@ -139,6 +139,7 @@ struct Daemon {
   OllamaEndpoint endpoint;
   std::shared_ptr<asio::ssl::context> tls;
   Duration idleTimeout;
+  std::shared_ptr<SpareConnection> spare = nullptr;
 };
 
 void checkStatus(unsigned status) {
@@ -301,7 +302,7 @@ asio::awaitable<void> streamOnce(Daemon daemon, ModelGenerateRequest request,
                                  std::optional<bool> think, Continuation<std::string> into,
                                  std::shared_ptr<ProducerControl> control) {
   const auto executor = co_await asio::this_coro::executor;
-  OllamaExchange exchange(executor, daemon.tls, daemon.idleTimeout);
+  OllamaExchange exchange(executor, daemon.tls, daemon.idleTimeout, daemon.spare);
   const CurrentExchange current(*control, exchange);
   auto beginning = exchange.begin(daemon.endpoint, http::verb::post, "api/generate",
                                   generateBody(request, true, think));
@@ -309,13 +310,14 @@ asio::awaitable<void> streamOnce(Daemon daemon, ModelGenerateRequest request,
   checkStatus(status);
   while (true) {
     const std::optional<std::string> line = co_await exchange.readLine();
-    if (!line) co_return;
+    if (!line) break;
     auto piece = decodeJSON<GenerateStreamResponse>(*line);
     if (piece.response && !piece.response->empty() && !into.yield(std::move(*piece.response))) {
       throwAborted();
     }
-    if (piece.done.value_or(false)) co_return;
+    if (piece.done.value_or(false)) break;
   }
+  exchange.prepareNext();
 }
 
 asio::awaitable<void> streamWithRetry(Daemon daemon, ModelGenerateRequest request,
@@ -449,7 +451,7 @@ asio::awaitable<std::string> OllamaRuntime::generateOnce(ModelGenerateRequest re
 AsyncStream<std::string> OllamaRuntime::stream(ModelGenerateRequest request) {
   return startProducer<std::string>(
       executor_,
-      [daemon = Daemon{endpoint_, tls_, timeouts_.request}, request = std::move(request)](
+      [daemon = Daemon{endpoint_, tls_, timeouts_.request, spare_}, request = std::move(request)](
           Continuation<std::string> into, std::shared_ptr<ProducerControl> control) {
         return streamWithRetry(daemon, request, std::move(into), std::move(control));
       });

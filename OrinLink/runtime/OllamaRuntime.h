@@ -20,6 +20,8 @@ class context;
 
 namespace orin {
 
+class SpareConnection;
+
 class OllamaError : public Error {
  public:
   enum class Kind { httpStatus, pullFailed, badResponse };
@@ -106,12 +108,17 @@ class OllamaRuntime {
   // with HTTP 400 while `think` was present. Ending the consumer closes the socket upstream.
   AsyncStream<std::string> stream(ModelGenerateRequest request);
 
+  // Streams take their connection from `spare` when it has one ready, and leave it one for the
+  // next. The spare must belong to this client's executor.
+  void useSpareConnection(std::shared_ptr<SpareConnection> spare) { spare_ = std::move(spare); }
+
  private:
   OllamaEndpoint endpoint_;
   boost::asio::any_io_executor executor_;
   Timeouts timeouts_;
   // Shared by every https exchange of this client; null for http.
   std::shared_ptr<boost::asio::ssl::context> tls_;
+  std::shared_ptr<SpareConnection> spare_;
 };
 
 // The user's own words inside a chat-formatted prompt, for display only.

@@ -26,9 +26,11 @@
 
 #include "OrinLink/common/ErrorDescription.h"
 #include "OrinLink/concurrency/SerialExecutor.h"
+#include "OrinLink/runtime/OllamaExchange.h"
 #include "OrinLink/runtime/OllamaRuntime.h"
 #include "OrinLinkShared/Error.h"
 
+#include "tests/support/Eventually.h"
 #include "tests/support/ScriptedHTTPServer.h"
 
 // Lookups of this one name never answer until the test lets them go, as a resolver that has
@@ -376,6 +378,24 @@ TEST_F(OllamaRuntimeTest, StreamsPiecesAndRetriesOnceWithoutThink) {
       EXPECT_TRUE(nlohmann::json::parse(requests[before + i].body)["stream"].get<bool>());
     }
   }
+}
+
+TEST_F(OllamaRuntimeTest, StreamsGoOutOnASpareConnectionAndAgainWhenItWasDropped) {
+  auto spare = std::make_shared<SpareConnection>(loop_.executor());
+  OllamaRuntime client = runtime();
+  client.useSpareConnection(spare);
+  // The second request finds the spare the first one left; the daemon drops it unanswered, so
+  // the request goes again on a new connection.
+  daemon_.script({ok({"{\"response\":\"a\"}\n"}), Reply{200, {}, false, true},
+                  ok({"{\"response\":\"b\"}\n"})});
+  EXPECT_EQ(drain(client.stream({"p", "m", 0.7, false})).values, std::vector<std::string>{"a"});
+  ASSERT_TRUE(testing_support::eventually([&] {
+    return within(asio::post(loop_.executor(), asio::use_future([&] { return spare->ready(); })));
+  }));
+  const auto second = drain(client.stream({"p", "m", 0.7, false}));
+  EXPECT_EQ(second.outcome.text, "");
+  EXPECT_EQ(second.values, std::vector<std::string>{"b"});
+  EXPECT_EQ(daemon_.requests().size(), 3u);
 }
 
 TEST_F(OllamaRuntimeTest, StreamsDeliverAsTheyArriveAndLeavingClosesUpstream) {
