@@ -94,10 +94,12 @@ void configureX265(AVCodecContext* context, const EncoderSettings& settings) {
   setOption(context, "forced-idr", "1");
   const std::int64_t kbps = std::max<std::int64_t>(settings.averageBitrate / 1000, 1);
   // Closed GOPs make every keyframe an IDR picture; headers repeat with each so that a client
-  // can join at any of them.
+  // can join at any of them. Coding units of 32 pixels only (the preset also tries 16): a quarter
+  // less work a picture, keyframes included, for about 0.2 dB on scrolling text.
   setOption(context, "x265-params",
             "keyint=" + std::to_string(2 * settings.framesPerSecond) +
                 ":bframes=0:rc-lookahead=0:scenecut=0:open-gop=0:repeat-headers=1:info=0"
+                ":min-cu-size=32"
                 ":log-level=error:vbv-maxrate=" +
                 std::to_string(kbps) +
                 ":vbv-bufsize=" + std::to_string(std::max<std::int64_t>(kbps / 4, 1)));
