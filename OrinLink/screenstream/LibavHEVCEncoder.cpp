@@ -1,10 +1,13 @@
 #include "OrinLink/screenstream/LibavHEVCEncoder.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdarg>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <thread>
 
@@ -158,6 +161,54 @@ YUVConverter::YUVConverter(int width, int height, Layout layout, int threads)
   if (av_frame_get_buffer(target_, 0) < 0) av_frame_free(&target_);
 }
 
+class YUVConverter::HalfWorker {
+ public:
+  HalfWorker() : thread_([this] { run(); }) {}
+  ~HalfWorker() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+  HalfWorker(const HalfWorker&) = delete;
+  HalfWorker& operator=(const HalfWorker&) = delete;
+
+  // Runs `lower` here and `upper` on the calling thread; returns when both are done.
+  void split(const std::function<void()>& upper, std::function<void()> lower) {
+    {
+      std::lock_guard lock(mutex_);
+      job_ = std::move(lower);
+    }
+    changed_.notify_all();
+    upper();
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return !job_; });
+  }
+
+ private:
+  void run() {
+    pthread_setname_np(pthread_self(), "orin.convert");
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [this] { return stopping_ || job_; });
+      if (stopping_) return;
+      lock.unlock();
+      job_();
+      lock.lock();
+      job_ = nullptr;
+      changed_.notify_all();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::function<void()> job_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
 YUVConverter::~YUVConverter() {
   sws_freeContext(scaler_);
   av_frame_free(&source_);
@@ -195,6 +246,28 @@ int YUVConverter::prepareScaler(int sourceWidth, int sourceHeight) {
   return 0;
 }
 
+void YUVConverter::convertSameSize(const CapturedFrame& source) {
+  AVFrame* picture = target_;
+  const auto rows = [&](int first, int count) {
+    convertBGRAToI420(
+        source.pixels + static_cast<std::ptrdiff_t>(first) * source.bytesPerRow, source.bytesPerRow,
+        width_, count,
+        {picture->data[0] + static_cast<std::ptrdiff_t>(first) * picture->linesize[0],
+         picture->data[1] + static_cast<std::ptrdiff_t>(first / 2) * picture->linesize[1],
+         picture->data[2] + static_cast<std::ptrdiff_t>(first / 2) * picture->linesize[2],
+         picture->linesize[0], picture->linesize[1], picture->linesize[2]});
+  };
+  // The encoder waits for the picture, so both cores may share the work; halves start on an
+  // even row so each chroma row comes from one of them.
+  const int half = (height_ / 2) & ~1;
+  if (threads_ < 2 || half == 0) {
+    rows(0, height_);
+    return;
+  }
+  if (!worker_) worker_ = std::make_unique<HalfWorker>();
+  worker_->split([&] { rows(0, half); }, [&] { rows(half, height_ - half); });
+}
+
 int YUVConverter::convert(const CapturedFrame& source) {
   if (!target_ || !source_) return AVERROR(ENOMEM);
   if (!source.pixels || source.width <= 0 || source.height <= 0 ||
@@ -203,10 +276,7 @@ int YUVConverter::convert(const CapturedFrame& source) {
   }
   if (layout_ == Layout::planar && source.width == width_ && source.height == height_) {
     if (const int status = av_frame_make_writable(target_); status < 0) return status;
-    AVFrame* picture = target_;
-    convertBGRAToI420(source.pixels, source.bytesPerRow, width_, height_,
-                      {picture->data[0], picture->data[1], picture->data[2], picture->linesize[0],
-                       picture->linesize[1], picture->linesize[2]});
+    convertSameSize(source);
     return 0;
   }
   if (!scaler_ || source.width != sourceWidth_ || source.height != sourceHeight_) {

@@ -43,6 +43,10 @@ class YUVConverter {
 
  private:
   int prepareScaler(int sourceWidth, int sourceHeight);
+  void convertSameSize(const CapturedFrame& source);
+
+  // Converts the lower half of a same-size picture while the caller does the upper one.
+  class HalfWorker;
 
   int width_;
   int height_;
@@ -53,6 +57,7 @@ class YUVConverter {
   SwsContext* scaler_ = nullptr;
   AVFrame* source_ = nullptr;
   AVFrame* target_ = nullptr;
+  std::unique_ptr<HalfWorker> worker_;
 };
 
 // A converted picture and its capture time, ready for the encoder.
