@@ -351,28 +351,34 @@ TEST_F(VirtualDisplayTest, SoleDesktopSwitchesTheOthersOffAndBackExactly) {
   EXPECT_TRUE(log.released);
 }
 
-TEST_F(VirtualDisplayTest, SoleDesktopIsRefusedWithoutAWatchdog) {
-  auto unguarded = create(5120, 1440, false);
-  EXPECT_FALSE(unguarded->adoptAsSoleDesktop());
-  unguarded.reset();
-  EXPECT_EQ(fake.state, original);
-
-  auto display = create();
-  log.gone = true;
-  auto changes = fake.changes.size();
-  EXPECT_FALSE(display->adoptAsSoleDesktop());
-  EXPECT_FALSE(display->isSoleDesktop());
-  EXPECT_EQ(fake.changes.size(), changes);
-}
-
-TEST_F(VirtualDisplayTest, AFailedSwitchPutsTheOthersBack) {
-  auto display = create();
-  FakeState separate = fake.state;
-  fake.refused = {"setPrimary"};
-  EXPECT_FALSE(display->adoptAsSoleDesktop());
-  fake.refused.clear();
-  EXPECT_FALSE(display->isSoleDesktop());
-  EXPECT_EQ(fake.state, separate);
+// Without a watchdog nothing is touched; a switch the server refuses is undone.
+TEST_F(VirtualDisplayTest, ARefusedSwitchLeavesTheDesktopsAsTheyWere) {
+  struct Case {
+    const char* what;
+    bool guarded;
+    std::function<void()> arrange;
+    bool touches;
+  };
+  const Case cases[] = {
+      {"no watchdog", false, [] {}, false},
+      {"the watchdog gone", true, [this] { log.gone = true; }, false},
+      {"the server refusing", true, [this] { fake.refused = {"setPrimary"}; }, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto display = create(5120, 1440, c.guarded);
+    const FakeState separate = fake.state;
+    const auto changes = fake.changes.size();
+    c.arrange();
+    EXPECT_FALSE(display->adoptAsSoleDesktop());
+    fake.refused.clear();
+    log.gone = false;
+    EXPECT_FALSE(display->isSoleDesktop());
+    EXPECT_EQ(fake.state, separate);
+    EXPECT_EQ(fake.changes.size() > changes, c.touches);
+    display.reset();
+    EXPECT_EQ(fake.state, original);
+  }
 }
 
 TEST_F(VirtualDisplayTest, AFailedRestoreIsLeftToTheWatchdog) {
