@@ -200,14 +200,8 @@ TEST_F(XorgDummyTest, TheWatchdogRestoresEverythingAfterSigkill) {
   prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
-class XvfbTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (auto missing = XServerProcess::unavailable(XServerKind::xvfb)) GTEST_SKIP() << *missing;
-  }
-};
-
-TEST_F(XvfbTest, ABareMonitorOverTheGrownFramebuffer) {
+TEST(XvfbVirtualDisplay, ABareMonitorOverTheGrownFramebuffer) {
+  if (auto missing = XServerProcess::unavailable(XServerKind::xvfb)) GTEST_SKIP() << *missing;
   // Xvfb's framebuffer can grow back to the size it started with, so it starts wide and is
   // made an ordinary 1920×1080 desktop first.
   auto server = XServerProcess::start({XServerKind::xvfb, "7040x1440"});
