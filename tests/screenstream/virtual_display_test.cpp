@@ -21,7 +21,6 @@ namespace {
 
 using testing::FakeDisplayConfigurator;
 using testing::FakeState;
-using testing::SharedConfigurator;
 
 TEST(ReducedBlankingTiming, MatchesCvtAndKeepsTheExactWidth) {
   struct Case {
@@ -229,7 +228,7 @@ class VirtualDisplayTest : public ::testing::Test {
   std::unique_ptr<OrinVirtualDisplay> create(std::uint32_t width = 5120,
                                              std::uint32_t height = 1440, bool guarded = true) {
     return OrinVirtualDisplay::create(
-        std::make_unique<SharedConfigurator>(fake),
+        std::make_unique<FakeDisplayConfigurator>(fake),
         guarded ? std::make_unique<RecordingGuard>(log, fake) : nullptr, "Orin Wide", width, height,
         60);
   }
@@ -415,7 +414,7 @@ int watch(FakeDisplayConfigurator& fake, const std::vector<std::string>& lines,
   std::thread watchdog([&] {
     status = runDisplayWatchdog(ends[1], [&]() -> std::unique_ptr<DisplayConfigurator> {
       if (!reachable) throw VirtualDisplayError::displayServerUnreachable(":9");
-      return std::make_unique<SharedConfigurator>(fake);
+      return std::make_unique<FakeDisplayConfigurator>(fake);
     });
     close(ends[1]);
   });
