@@ -34,6 +34,8 @@ constexpr auto patience = 10s;
 constexpr std::uint16_t httpPort = 41234;
 constexpr std::uint32_t realDisplay = 7;
 
+// What the fakes and the published state report, under one lock, so a test can wait for any
+// combination of them.
 struct Probe : fake::DisplayState {
   Probe() { displays = {{realDisplay, "Desk", 1920, 1080}}; }
   ScreenStreamService::Properties props;
