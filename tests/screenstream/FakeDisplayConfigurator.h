@@ -5,6 +5,7 @@
 // logging every change made to it.
 
 #include <algorithm>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,9 +24,29 @@ struct FakeState {
   bool operator==(const FakeState&) const = default;
 };
 
+// Copies share one server, so that a test keeps it while a display owns a copy; assigning
+// replaces what that server holds.
 class FakeDisplayConfigurator : public DisplayConfigurator {
+  struct Server {
+    FakeState state;
+    bool monitorsSupported = true;
+    std::vector<std::string> changes;
+    std::set<std::string> refused;
+    ScreenLimits limits;
+    RandRId nextId = 0x1000;
+  };
+  std::shared_ptr<Server> server_ = std::make_shared<Server>();
+
  public:
   static constexpr RandRId mode1080 = 0x5e;
+
+  FakeDisplayConfigurator() = default;
+  FakeDisplayConfigurator(const FakeDisplayConfigurator& other)
+      : DisplayConfigurator(), server_(other.server_) {}
+  FakeDisplayConfigurator& operator=(const FakeDisplayConfigurator& other) {
+    *server_ = *other.server_;
+    return *this;
+  }
 
   // Xorg's dummy driver: DUMMY0 on at 1920×1080, DUMMY1..3 off, one CRTC each.
   static FakeDisplayConfigurator dummyServer() {
@@ -43,7 +64,7 @@ class FakeDisplayConfigurator : public DisplayConfigurator {
     f.state.screen.widthMM = 508;
     f.state.screen.heightMM = 286;
     f.state.screen.primary = 0x4e;
-    f.limits_ = {64, 64, 32767, 32767};
+    f.server_->limits = {64, 64, 32767, 32767};
     return f;
   }
 
@@ -53,18 +74,18 @@ class FakeDisplayConfigurator : public DisplayConfigurator {
     f.state.modes = {{mode1080, "1920x1080", {1920, 1080, 0, 0, 0, 0, 0, 0, 0, 0}}};
     f.state.outputs = {{0x3c, "screen", true, 0x3b, {0x3b}, {mode1080}, 0}};
     f.state.screen = {1920, 1080, 508, 286, {{0x3b, mode1080, 0, 0, rotate0, {0x3c}}}, 0};
-    f.limits_ = {1, 1, maxWidth, maxHeight};
+    f.server_->limits = {1, 1, maxWidth, maxHeight};
     return f;
   }
 
-  FakeState state;
-  bool monitorsSupported = true;
-  std::vector<std::string> changes;
+  FakeState& state = server_->state;
+  bool& monitorsSupported = server_->monitorsSupported;
+  std::vector<std::string>& changes = server_->changes;
   // Changes (by their first word in `changes`) that the "server" refuses.
-  std::set<std::string> refused;
+  std::set<std::string>& refused = server_->refused;
 
   bool hasMonitors() override { return monitorsSupported; }
-  ScreenLimits limits() override { return limits_; }
+  ScreenLimits limits() override { return server_->limits; }
   ScreenState screen() override { return state.screen; }
   std::vector<OutputInfo> outputs() override { return state.outputs; }
   std::vector<ModeInfo> modes() override { return state.modes; }
@@ -104,8 +125,8 @@ class FakeDisplayConfigurator : public DisplayConfigurator {
     for (const auto& m : state.modes) {
       if (m.name == name) throw VirtualDisplayError::requestFailed("X11", 15);
     }
-    state.modes.push_back({nextId_, name, timing});
-    return nextId_++;
+    state.modes.push_back({server_->nextId, name, timing});
+    return server_->nextId++;
   }
 
   void destroyMode(RandRId mode) override {
@@ -136,8 +157,9 @@ class FakeDisplayConfigurator : public DisplayConfigurator {
   void setScreenSize(std::uint32_t width, std::uint32_t height, std::uint32_t widthMM,
                      std::uint32_t heightMM) override {
     change("setScreenSize " + std::to_string(width) + "x" + std::to_string(height));
-    if (width < limits_.minWidth || width > limits_.maxWidth || height < limits_.minHeight ||
-        height > limits_.maxHeight || widthMM == 0 || heightMM == 0) {
+    const ScreenLimits& range = server_->limits;
+    if (width < range.minWidth || width > range.maxWidth || height < range.minHeight ||
+        height > range.maxHeight || widthMM == 0 || heightMM == 0) {
       throw VirtualDisplayError::requestFailed("X11", 2);
     }
     for (const auto& c : state.screen.crtcs) {
@@ -235,38 +257,6 @@ class FakeDisplayConfigurator : public DisplayConfigurator {
       throw VirtualDisplayError::requestFailed("X11", 11);
     }
   }
-
-  ScreenLimits limits_;
-  RandRId nextId_ = 0x1000;
-};
-
-// Lets a test keep the fake while a display owns the configurator.
-class SharedConfigurator : public DisplayConfigurator {
- public:
-  explicit SharedConfigurator(FakeDisplayConfigurator& fake) : fake_(fake) {}
-  bool hasMonitors() override { return fake_.hasMonitors(); }
-  ScreenLimits limits() override { return fake_.limits(); }
-  ScreenState screen() override { return fake_.screen(); }
-  std::vector<OutputInfo> outputs() override { return fake_.outputs(); }
-  std::vector<ModeInfo> modes() override { return fake_.modes(); }
-  std::vector<MonitorInfo> monitors() override { return fake_.monitors(); }
-  RandRId createMode(const std::string& n, const ModeTiming& t) override {
-    return fake_.createMode(n, t);
-  }
-  void destroyMode(RandRId m) override { fake_.destroyMode(m); }
-  void addOutputMode(RandRId o, RandRId m) override { fake_.addOutputMode(o, m); }
-  void deleteOutputMode(RandRId o, RandRId m) override { fake_.deleteOutputMode(o, m); }
-  void setScreenSize(std::uint32_t w, std::uint32_t h, std::uint32_t wmm,
-                     std::uint32_t hmm) override {
-    fake_.setScreenSize(w, h, wmm, hmm);
-  }
-  void setCrtc(const CrtcState& s) override { fake_.setCrtc(s); }
-  void setPrimary(RandRId o) override { fake_.setPrimary(o); }
-  void setMonitor(const MonitorInfo& m) override { fake_.setMonitor(m); }
-  void deleteMonitor(const std::string& n) override { fake_.deleteMonitor(n); }
-
- private:
-  FakeDisplayConfigurator& fake_;
 };
 
 }  // namespace orin::screen::testing

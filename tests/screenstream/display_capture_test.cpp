@@ -13,21 +13,14 @@
 #include "OrinLink/screenstream/FramePool.h"
 #include "OrinLink/screenstream/X11DisplayBackend.h"
 
+#include "ScreenTestFakes.h"
+#include "tests/support/Eventually.h"
+
 namespace orin::screen {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
-
-template <typename Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds limit = 5s) {
-  auto deadline = Clock::now() + limit;
-  while (!predicate()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 TEST(DisplayNaming, UsesTheScreenNameOrTheIdThenThePointSize) {
   struct Case {
@@ -207,98 +200,34 @@ TEST(FramePool, LendsEachBufferOnceUntilItsLastOwnerLetsGo) {
   EXPECT_TRUE(storageWatch.expired());
 }
 
-// A display backend whose grabs the tests script and time.
-struct FakeState {
-  std::mutex mutex;
-  std::vector<Clock::time_point> grabStarts;
-  std::vector<Clock::time_point> grabEnds;
-  std::chrono::milliseconds grabCost{0};
-  int failAfter = -1;  // grabs that succeed before the display goes away
-  std::atomic<int> sources = 0;
-};
-
-class FakeSource : public FrameSource {
- public:
-  explicit FakeSource(std::shared_ptr<FakeState> state) : state_(std::move(state)) {
-    ++state_->sources;
-  }
-  ~FakeSource() override { --state_->sources; }
-
-  std::optional<CapturedFrame> grab() override {
-    auto start = Clock::now();
-    std::chrono::milliseconds cost;
-    {
-      std::lock_guard lock(state_->mutex);
-      if (state_->failAfter == 0) throw DisplayCaptureError::displayNotFound();
-      if (state_->failAfter > 0) --state_->failAfter;
-      state_->grabStarts.push_back(start);
-      cost = state_->grabCost;
-    }
-    if (cost.count() > 0) std::this_thread::sleep_for(cost);  // the work of a slow grab
-    {
-      std::lock_guard lock(state_->mutex);
-      state_->grabEnds.push_back(Clock::now());
-    }
-    return CapturedFrame{2, 2, 8, pixels_.data(), monotonicMicroseconds(), nullptr};
-  }
-
- private:
-  std::shared_ptr<FakeState> state_;
-  std::array<std::uint8_t, 16> pixels_{};
-};
-
-class FakeBackend : public DisplayBackend {
- public:
-  explicit FakeBackend(std::shared_ptr<FakeState> state) : state_(std::move(state)) {}
-  std::vector<BackendDisplay> displays() override { return list; }
-  std::unique_ptr<FrameSource> open(std::uint32_t id) override {
-    for (const auto& d : list) {
-      if (d.id == id) return std::make_unique<FakeSource>(state_);
-    }
-    throw DisplayCaptureError::displayNotFound();
-  }
-  std::vector<BackendDisplay> list = {{1, "Built-in", 3440, 1440}, {9, std::nullopt, 800, 600}};
-
- private:
-  std::shared_ptr<FakeState> state_;
-};
-
-struct Recorder {
-  std::mutex mutex;
+struct CaptureState : fake::DisplayState {
   int frames = 0;
   std::vector<std::optional<DisplayCaptureError>> stops;
-
-  int frameCount() {
-    std::lock_guard lock(mutex);
-    return frames;
-  }
-  std::size_t stopCount() {
-    std::lock_guard lock(mutex);
-    return stops.size();
-  }
 };
 
 class CaptureEngineTest : public ::testing::Test {
  protected:
+  CaptureEngineTest() {
+    state.displays = {{1, "Built-in", 3440, 1440}, {9, std::nullopt, 800, 600}};
+  }
+
   DisplayCaptureEngine makeEngine(std::function<void(const CapturedFrame&)> extra = {}) {
     return DisplayCaptureEngine(
-        backend,
+        std::make_shared<fake::FakeDisplays>(state),
         [this, extra](const CapturedFrame& frame) {
-          {
-            std::lock_guard lock(recorder.mutex);
-            ++recorder.frames;
-          }
+          state.record([&] { ++state.frames; });
           if (extra) extra(frame);
         },
         [this](const std::optional<DisplayCaptureError>& error) {
-          std::lock_guard lock(recorder.mutex);
-          recorder.stops.push_back(error);
+          state.record([&] { state.stops.push_back(error); });
         });
   }
 
-  std::shared_ptr<FakeState> state = std::make_shared<FakeState>();
-  std::shared_ptr<FakeBackend> backend = std::make_shared<FakeBackend>(state);
-  Recorder recorder;
+  int frames() {
+    return state.read([&] { return state.frames; });
+  }
+
+  CaptureState state;
 };
 
 TEST_F(CaptureEngineTest, ListsAndNamesTheBackendsDisplays) {
@@ -313,63 +242,61 @@ TEST_F(CaptureEngineTest, GrabsNoFasterThanTheFrameRate) {
   auto begin = Clock::now();
   engine.start(1, 1280, 720, 50);
   EXPECT_EQ(engine.streamSize(), (PixelSize{1720, 720}));
-  ASSERT_TRUE(eventually([&] { return recorder.frameCount() >= 10; }));
+  ASSERT_TRUE(state.eventually([&] { return state.frames >= 10; }));
   engine.stop();
   auto elapsed = Clock::now() - begin;
-  std::lock_guard lock(state->mutex);
-  EXPECT_LE(static_cast<long>(state->grabStarts.size()), elapsed / 20ms + 1);
-  EXPECT_EQ(state->sources, 0);
-  EXPECT_EQ(recorder.stopCount(), 0u);  // a requested stop is not reported
+  std::lock_guard lock(state.mutex);
+  EXPECT_LE(static_cast<long>(state.grabStarts.size()), elapsed / 20ms + 1);
+  EXPECT_EQ(state.liveSources, 0);
+  EXPECT_TRUE(state.stops.empty());  // a requested stop is not reported
 }
 
 TEST_F(CaptureEngineTest, ASlowGrabSkipsTicksInsteadOfCatchingUp) {
-  state->grabCost = 60ms;  // one and a half frame intervals at 25 fps
+  state.grabCost = 60ms;  // one and a half frame intervals at 25 fps
   auto engine = makeEngine();
   engine.start(1, 1280, 720, 25);
-  ASSERT_TRUE(eventually([&] { return recorder.frameCount() >= 7; }));
+  ASSERT_TRUE(state.eventually([&] { return state.frames >= 7; }));
   engine.stop();
   // The next grab waits for the next tick on the grid, half an interval after a grab ends if
   // the grab took as long as asked. Catching up would start it at once, every time.
-  std::lock_guard lock(state->mutex);
+  std::lock_guard lock(state.mutex);
   std::size_t immediate = 0;
-  for (std::size_t i = 1; i < state->grabStarts.size(); ++i) {
-    if (state->grabStarts[i] - state->grabEnds[i - 1] < 1ms) ++immediate;
+  for (std::size_t i = 1; i < state.grabStarts.size(); ++i) {
+    if (state.grabStarts[i] - state.grabEnds[i - 1] < 1ms) ++immediate;
   }
-  EXPECT_LT(immediate * 2, state->grabStarts.size() - 1) << immediate << " grabs without a wait";
+  EXPECT_LT(immediate * 2, state.grabStarts.size() - 1) << immediate << " grabs without a wait";
 }
 
 TEST_F(CaptureEngineTest, APacedCaptureGrabsOnlyWhenTheConsumerIsFree) {
   auto pacer = std::make_shared<FramePacer>();
   auto engine = makeEngine([&](const CapturedFrame&) { pacer->offered(); });
   engine.start(1, 1280, 720, 1000, pacer);
-  ASSERT_TRUE(eventually([&] { return recorder.frameCount() == 1; }));
+  ASSERT_TRUE(state.eventually([&] { return state.frames == 1; }));
   // Neither a frame still waiting nor one being worked on is a reason to grab another; at this
   // rate an unpaced capture would grab dozens meanwhile.
   const auto settle = [] { std::this_thread::sleep_for(30ms); };
   settle();
-  EXPECT_EQ(recorder.frameCount(), 1);
+  EXPECT_EQ(frames(), 1);
   pacer->started();
   settle();
-  EXPECT_EQ(recorder.frameCount(), 1);
+  EXPECT_EQ(frames(), 1);
   pacer->finished();
-  ASSERT_TRUE(eventually([&] { return recorder.frameCount() == 2; }));
+  ASSERT_TRUE(state.eventually([&] { return state.frames == 2; }));
   engine.stop();
 }
 
 TEST_F(CaptureEngineTest, ADisplayThatGoesAwayStopsTheCaptureOnce) {
-  state->failAfter = 3;
+  state.grabsLeft = 3;
   auto engine = makeEngine();
   engine.start(9, 1280, 720, 100);
-  ASSERT_TRUE(eventually([&] { return recorder.stopCount() == 1; }));
-  ASSERT_TRUE(eventually([&] { return !engine.isRunning(); }));
-  EXPECT_EQ(recorder.frameCount(), 3);
-  {
-    std::lock_guard lock(recorder.mutex);
-    ASSERT_TRUE(recorder.stops[0].has_value());
-    EXPECT_EQ(recorder.stops[0]->kind(), DisplayCaptureError::Kind::displayNotFound);
-  }
+  ASSERT_TRUE(state.eventually([&] { return state.stops.size() == 1; }));
+  ASSERT_TRUE(testing_support::eventually([&] { return !engine.isRunning(); }));
+  EXPECT_EQ(frames(), 3);
   engine.stop();
-  EXPECT_EQ(recorder.stopCount(), 1u);
+  std::lock_guard lock(state.mutex);
+  ASSERT_EQ(state.stops.size(), 1u);
+  ASSERT_TRUE(state.stops[0].has_value());
+  EXPECT_EQ(state.stops[0]->kind(), DisplayCaptureError::Kind::displayNotFound);
 }
 
 TEST_F(CaptureEngineTest, HandlersMayStopTheCaptureThemselves) {
@@ -377,13 +304,13 @@ TEST_F(CaptureEngineTest, HandlersMayStopTheCaptureThemselves) {
   auto engine = makeEngine([&](const CapturedFrame&) { self->stop(); });
   self = &engine;
   engine.start(1, 1280, 720, 100);
-  ASSERT_TRUE(eventually([&] { return state->sources == 0; }));
-  EXPECT_EQ(recorder.frameCount(), 1);
+  ASSERT_TRUE(state.eventually([&] { return state.liveSources == 0; }));
+  EXPECT_EQ(frames(), 1);
   EXPECT_FALSE(engine.isRunning());
 
   // And the engine starts again afterwards.
   engine.start(1, 1280, 720, 100);
-  ASSERT_TRUE(eventually([&] { return recorder.frameCount() == 2 && state->sources == 0; }));
+  ASSERT_TRUE(state.eventually([&] { return state.frames == 2 && state.liveSources == 0; }));
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <condition_variable>
 #include <future>
 #include <mutex>
 #include <string>
@@ -14,6 +13,7 @@
 #include "OrinLink/screenstream/ScreenStreamServer.h"
 
 #include "ScreenStreamClient.h"
+#include "ScreenTestFakes.h"
 
 namespace orin::screen {
 namespace {
@@ -83,51 +83,14 @@ OrinScreenControlMessage withPortal(Kind kind, bool on) {
   return m;
 }
 
-asio::awaitable<bool> answer(bool value) {
-  co_return value;
-}
-
 asio::awaitable<std::string> issue(std::optional<std::string> token) {
   if (!token) throw Error(std::string(wrongCode));
   co_return *token;
 }
 
-asio::awaitable<OrinScreenShape> shapeNow() {
-  co_return OrinScreenShape::ultrawide;
-}
-
 asio::awaitable<void> nothing() {
   co_return;
 }
-
-class FakeAdvertiser : public ServiceAdvertiser {
- public:
-  struct Advert {
-    std::string name;
-    std::string type;
-    std::uint16_t port = 0;
-    TXTEntries txt;
-  };
-  class Live : public Registration {
-   public:
-    explicit Live(std::atomic<int>& count) : count_(count) { ++count_; }
-    ~Live() override { --count_; }
-
-   private:
-    std::atomic<int>& count_;
-  };
-
-  std::unique_ptr<Registration> advertise(std::string name, std::string type, std::uint16_t port,
-                                          TXTEntries txt) override {
-    std::lock_guard lock(mutex);
-    adverts.push_back({std::move(name), std::move(type), port, std::move(txt)});
-    return std::make_unique<Live>(live);
-  }
-
-  std::mutex mutex;
-  std::vector<Advert> adverts;
-  std::atomic<int> live{0};
-};
 
 ByteString frameData(std::size_t index, std::size_t size) {
   ByteString data(size, static_cast<std::uint8_t>(index));
@@ -145,7 +108,7 @@ OrinScreenVideoConfig config(std::int64_t width) {
 }
 
 // A server on loopback port 0 whose callbacks record what they see, and real clients.
-class ScreenStreamServerTest : public testing::Test {
+class ScreenStreamServerTest : public testing::Test, public fake::Watched {
  protected:
   void startServer(std::chrono::milliseconds helloTimeout = 10s,
                    std::size_t maxConnections = transport::ConnectionTracker::defaultCap) {
@@ -166,7 +129,9 @@ class ScreenStreamServerTest : public testing::Test {
 
   ScreenStreamServer::Callbacks callbacks() {
     ScreenStreamServer::Callbacks c;
-    c.authenticate = [](std::string token) { return answer(token.starts_with("known")); };
+    c.authenticate = [](std::string token) -> asio::awaitable<bool> {
+      co_return token.starts_with("known");
+    };
     c.pair = [this](std::string code, std::string id, std::string) {
       record([&] { pairedIds_.push_back(id); });
       return issue(code == "123456" ? std::optional<std::string>("known-paired") : std::nullopt);
@@ -185,27 +150,11 @@ class ScreenStreamServerTest : public testing::Test {
       record([&] { shapeRequests_.push_back(shape); });
       return nothing();
     };
-    c.currentShape = [] { return shapeNow(); };
+    c.currentShape = []() -> asio::awaitable<OrinScreenShape> {
+      co_return OrinScreenShape::ultrawide;
+    };
     c.portalStateChanged = [this](bool on) { record([&] { portals_.push_back(on); }); };
     return c;
-  }
-
-  template <class Change>
-  void record(Change change) {
-    std::lock_guard lock(mutex_);
-    change();
-    changed_.notify_all();
-  }
-
-  int keyframeRequestCount() {
-    std::lock_guard lock(mutex_);
-    return keyframeRequests_;
-  }
-
-  template <class Predicate>
-  bool eventually(Predicate predicate) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, patience, predicate);
   }
 
   std::unique_ptr<ScreenStreamClient> connect(std::optional<int> receiveBuffer = {}) {
@@ -253,12 +202,10 @@ class ScreenStreamServerTest : public testing::Test {
 
   SerialExecutor mainLoop_{"test.main"};
   SerialExecutor serverLoop_{"test.screen"};
-  FakeAdvertiser advertiser_;
+  fake::FakeAdvertiser advertiser_;
   std::unique_ptr<ScreenStreamServer> server_;
   std::uint16_t port_ = 0;
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
   std::vector<std::vector<std::string>> clientLists_;
   std::vector<std::string> pairedIds_;
   std::vector<std::optional<std::string>> states_;
@@ -335,7 +282,7 @@ TEST_F(ScreenStreamServerTest, AnswersEachHandshake) {
       EXPECT_TRUE(client->waitUntilClosed(patience));
       ++refusals;
       EXPECT_TRUE(eventually([&] { return rejections_.size() == refusals; }));
-      std::lock_guard lock(mutex_);
+      std::lock_guard lock(mutex);
       EXPECT_EQ(rejections_.back(), c.expect.front().message);
       continue;
     }
@@ -347,7 +294,7 @@ TEST_F(ScreenStreamServerTest, AnswersEachHandshake) {
     client.reset();
     EXPECT_TRUE(eventually([&] { return clientLists_.empty() || clientLists_.back().empty(); }));
   }
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(mutex);
   EXPECT_EQ(pairedIds_, (std::vector<std::string>{"id-2", "id-3", "id-4"}));
 }
 
@@ -461,7 +408,7 @@ TEST_F(ScreenStreamServerTest, ShapeAndPortalRequestsCountOnlyFromStreamingClien
   streaming->send(withPortal(Kind::portal, false));
   EXPECT_TRUE(eventually([&] { return !portals_.empty(); }));
   {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     EXPECT_EQ(shapeRequests_, std::vector{OrinScreenShape::superUltrawide});
     EXPECT_EQ(portals_, std::vector{false});
   }
@@ -497,7 +444,7 @@ TEST_F(ScreenStreamServerTest, FramesReachStreamingClientsWithTheLatestConfigura
   EXPECT_EQ(next(*early).config, config(2560));
   expectFrame(*early, 3, false);
 
-  const int requestsBefore = keyframeRequestCount();
+  const int requestsBefore = read([&] { return keyframeRequests_; });
   auto late = connect();
   late->send(hello(3, "known-2", "Late"));
   EXPECT_EQ(nextControl(*late), accepted());
@@ -568,19 +515,13 @@ TEST_F(ScreenStreamServerTest, AdvertisesWhileRunningAndStopEndsEverything) {
   startServer();
   EXPECT_TRUE(eventually([&] { return !states_.empty(); }));
   {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     EXPECT_EQ(states_, std::vector<std::optional<std::string>>{std::nullopt});
   }
-  {
-    std::lock_guard lock(advertiser_.mutex);
-    ASSERT_EQ(advertiser_.adverts.size(), 1u);
-    const auto& advert = advertiser_.adverts.front();
-    EXPECT_EQ(advert.name, "Test Stream");
-    EXPECT_EQ(advert.type, "_orinlink-screen._tcp");
-    EXPECT_EQ(advert.port, port_);
-    EXPECT_EQ(advert.txt, (TXTEntries{{"v", "3"}, {"http", "38141"}}));
-  }
-  EXPECT_EQ(advertiser_.live, 1);
+  EXPECT_EQ(advertiser_.read([&] { return advertiser_.adverts; }),
+            (std::vector<fake::FakeAdvertiser::Advert>{
+                {"Test Stream", "_orinlink-screen._tcp", port_, {{"v", "3"}, {"http", "38141"}}}}));
+  EXPECT_EQ(advertiser_.read([&] { return advertiser_.live; }), 1);
 
   auto streaming = streamingClient("Headset", "known");
   server_->broadcast(videoFrame(1, true, 64, config(1920)));
@@ -595,7 +536,7 @@ TEST_F(ScreenStreamServerTest, AdvertisesWhileRunningAndStopEndsEverything) {
   for (auto* client : {streaming.get(), waiting.get(), refused.get(), silent.get()})
     EXPECT_TRUE(client->waitUntilClosed(patience));
   EXPECT_TRUE(eventually([&] { return clientLists_.back().empty(); }));
-  EXPECT_EQ(advertiser_.live, 0);
+  EXPECT_EQ(advertiser_.read([&] { return advertiser_.live; }), 0);
   EXPECT_THROW(connect(), device::DeviceError);
 }
 
@@ -613,12 +554,6 @@ TEST_F(ScreenStreamServerTest, StartRefusesPortsItCannotListenOn) {
       EXPECT_EQ(e.code(), 1);
     }
   }
-  startServer();
-  ScreenStreamServer::Options taken;
-  taken.port = port_;
-  taken.bindAddress = asio::ip::address_v4::loopback();
-  ScreenStreamServer second(taken, serverLoop_.executor(), mainLoop_.executor(), {});
-  EXPECT_THROW(second.start(), StreamServerError);
 }
 
 }  // namespace

@@ -1,10 +1,8 @@
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,6 +17,7 @@
 #include "OrinLink/screenstream/VirtualDisplayError.h"
 
 #include "ScreenStreamClient.h"
+#include "ScreenTestFakes.h"
 #include "tests/core/TemporaryDirectory.h"
 
 namespace orin::screen {
@@ -35,101 +34,22 @@ constexpr auto patience = 10s;
 constexpr std::uint16_t httpPort = 41234;
 constexpr std::uint32_t realDisplay = 7;
 
-// Everything the fakes and the published state report, under one lock, so a test can wait for
-// any combination of them.
-struct Probe {
-  std::mutex mutex;
-  std::condition_variable changed;
+// What the fakes and the published state report, under one lock, so a test can wait for any
+// combination of them.
+struct Probe : fake::DisplayState {
+  Probe() { displays = {{realDisplay, "Desk", 1920, 1080}}; }
   ScreenStreamService::Properties props;
 
-  // Displays.
-  std::vector<BackendDisplay> displays{{realDisplay, "Desk", 1920, 1080}};
-  std::optional<DisplayCaptureError> listingFailure;
-  std::optional<DisplayCaptureError> grabFailure;
-  std::vector<std::uint32_t> opened;
-  int liveSources = 0;
-
-  // Encoders.
   std::optional<Error> encoderFailure;
   std::vector<StreamEncoderSettings> encoders;
   int liveEncoders = 0;
   int forcedKeyframes = 0;
 
-  // Virtual displays.
   bool virtualSupported = true;
   std::optional<Error> virtualFailure;
   std::vector<PixelSize> virtualCreated;
   int liveVirtual = 0;
   int soleDesktopRequests = 0;
-
-  struct Advert {
-    std::string type;
-    std::uint16_t port = 0;
-    TXTEntries txt;
-    bool operator==(const Advert&) const = default;
-  };
-  std::vector<Advert> adverts;
-
-  template <class Change>
-  void record(Change change) {
-    {
-      std::lock_guard lock(mutex);
-      change();
-    }
-    changed.notify_all();
-  }
-
-  template <class Predicate>
-  bool eventually(Predicate predicate) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, patience, predicate);
-  }
-
-  template <class Read>
-  auto read(Read r) {
-    std::lock_guard lock(mutex);
-    return r();
-  }
-};
-
-class FakeSource : public FrameSource {
- public:
-  FakeSource(Probe& probe) : probe_(probe) {}
-  ~FakeSource() override {
-    probe_.record([&] { --probe_.liveSources; });
-  }
-  std::optional<CapturedFrame> grab() override {
-    {
-      std::lock_guard lock(probe_.mutex);
-      if (probe_.grabFailure) throw *probe_.grabFailure;
-    }
-    return CapturedFrame{4, 4, 16, pixels_->data(), monotonicMicroseconds(), pixels_};
-  }
-
- private:
-  Probe& probe_;
-  std::shared_ptr<std::vector<std::uint8_t>> pixels_ =
-      std::make_shared<std::vector<std::uint8_t>>(64, 0x80);
-};
-
-class FakeDisplays : public DisplayBackend {
- public:
-  explicit FakeDisplays(Probe& probe) : probe_(probe) {}
-  std::vector<BackendDisplay> displays() override {
-    std::lock_guard lock(probe_.mutex);
-    if (probe_.listingFailure) throw *probe_.listingFailure;
-    return probe_.displays;
-  }
-  std::unique_ptr<FrameSource> open(std::uint32_t displayID) override {
-    probe_.record([&] {
-      probe_.opened.push_back(displayID);
-      ++probe_.liveSources;
-    });
-    return std::make_unique<FakeSource>(probe_);
-  }
-
- private:
-  Probe& probe_;
 };
 
 // Emits one small frame per image, a key frame first and whenever one was asked for.
@@ -214,27 +134,17 @@ class FakeVirtualDisplays : public VirtualDisplayFactory {
   Probe& probe_;
 };
 
-class FakeAdvertiser : public ServiceAdvertiser {
- public:
-  explicit FakeAdvertiser(Probe& probe) : probe_(probe) {}
-  std::unique_ptr<Registration> advertise(std::string, std::string type, std::uint16_t port,
-                                          TXTEntries txt) override {
-    probe_.record([&] { probe_.adverts.push_back({type, port, txt}); });
-    return std::make_unique<Registration>();
-  }
-
- private:
-  Probe& probe_;
-};
-
-OrinScreenControlMessage control(Kind kind) {
+OrinScreenControlMessage hello(std::int64_t version, std::optional<std::string> token = {}) {
   OrinScreenControlMessage m;
-  m.kind = kind;
+  m.kind = Kind::hello;
+  m.version = version;
+  m.token = std::move(token);
   return m;
 }
 
 OrinScreenControlMessage setShape(OrinScreenShape shape) {
-  auto m = control(Kind::setShape);
+  OrinScreenControlMessage m;
+  m.kind = Kind::setShape;
   m.shape = rawValue(shape);
   return m;
 }
@@ -273,6 +183,10 @@ bool receivesKeyframe(ScreenStreamClient& client) {
       .has_value();
 }
 
+std::string advertising(std::uint16_t port) {
+  return "Advertising on port " + std::to_string(port) + ". Waiting for Vantaro.";
+}
+
 std::string couldNotStart(const std::string& cause) {
   return "The Mac could not start streaming: " + cause + ". Check the Orin Link window on the Mac.";
 }
@@ -283,17 +197,21 @@ class ServiceHarness : public testing::Test {
  protected:
   ~ServiceHarness() override {
     clients_.clear();
-    if (service_) {
-      onMain([&] {
-        service_->shutdown();
-        service_.reset();
-      });
-    }
+    dropService();
     platformLoop_.finish();
     shutDownLoops({}, {&mainLoop_, &serverLoop_, &platformLoop_});
   }
 
+  void dropService() {
+    if (!service_) return;
+    onMain([&] {
+      service_->shutdown();
+      service_.reset();
+    });
+  }
+
   void make(const json& stored = json::object(), std::optional<std::uint16_t> port = 0) {
+    dropService();
     std::ofstream(dir_ / "settings.json") << stored.dump();
     settings_.emplace(dir_ / "settings.json");
     registry_.emplace(dir_ / "paired-devices.json");
@@ -305,7 +223,7 @@ class ServiceHarness : public testing::Test {
     env.registry = &*registry_;
     env.httpPort = [] { return httpPort; };
     env.advertiser = &advertiser_;
-    env.platform = {std::make_shared<FakeDisplays>(probe_),
+    env.platform = {std::make_shared<fake::FakeDisplays>(probe_),
                     [this](const StreamEncoderSettings& settings,
                            std::function<void(EncodedVideoFrame)> output) {
                       std::optional<Error> failure;
@@ -382,7 +300,7 @@ class ServiceHarness : public testing::Test {
   SerialExecutor platformLoop_{"test.platform"};
   test::TemporaryDirectory temporary_;
   const std::filesystem::path& dir_ = temporary_.path();
-  FakeAdvertiser advertiser_{probe_};
+  fake::FakeAdvertiser advertiser_;
   std::optional<SettingsStore> settings_;
   std::optional<DeviceRegistry> registry_;
   std::shared_ptr<ScreenStreamService> service_;
@@ -391,7 +309,8 @@ class ServiceHarness : public testing::Test {
 
 using ScreenStreamServiceTest = ServiceHarness;
 
-TEST_F(ScreenStreamServiceTest, ReadsStoredSettingsWithTheirDefaults) {
+// Stored settings, with their defaults; streaming resumes at launch only when it was left on.
+TEST_F(ScreenStreamServiceTest, ReadsAndSavesSettingsInTheirStoredForms) {
   struct Case {
     std::string name;
     json stored;
@@ -433,7 +352,6 @@ TEST_F(ScreenStreamServiceTest, ReadsStoredSettingsWithTheirDefaults) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    if (service_) onMain([&] { service_.reset(); });
     make(c.stored);
     const auto [settings, enabled, status] = onMain([&] {
       return std::tuple(service_->settings(), service_->properties().isEnabled,
@@ -442,11 +360,13 @@ TEST_F(ScreenStreamServiceTest, ReadsStoredSettingsWithTheirDefaults) {
     EXPECT_EQ(settings, c.expected);
     EXPECT_EQ(enabled, c.enabled);
     EXPECT_EQ(status, "Streaming is off.");
+    onMain([&] { service_->resumeIfEnabled(); });
+    EXPECT_TRUE(eventually([&] { return probe_.props.availableDisplays.size() == 1; }));
+    const auto port = onMain([&] { return service_->activePort(); });
+    EXPECT_EQ(port.has_value(), c.enabled);
+    EXPECT_TRUE(!port || statusBecomes(advertising(*port)));
   }
-}
 
-TEST_F(ScreenStreamServiceTest, SavesSettingsInTheirStoredForms) {
-  make();
   onMain([&] {
     service_->applySettings(
         {3, StreamResolutionPreset::ultraHD, VirtualDisplayPreset::superUltrawide, false, 0, 0});
@@ -541,13 +461,11 @@ TEST_F(ScreenStreamServiceTest, CapturesWhileClientsStream) {
   const std::string token = pairDevice("dev-1", "Headset");
   const std::uint16_t port = enable();
   ASSERT_NE(port, 0);
-  const std::string advertising =
-      "Advertising on port " + std::to_string(port) + ". Waiting for Vantaro.";
-  EXPECT_TRUE(statusBecomes(advertising));
+  EXPECT_TRUE(statusBecomes(advertising(port)));
   EXPECT_EQ(stored()["screenStreamEnabled"], true);
-  const Probe::Advert advert{
-      "_orinlink-screen._tcp", port, {{"v", "3"}, {"http", std::to_string(httpPort)}}};
-  EXPECT_TRUE(eventually([&] { return probe_.adverts == std::vector{advert}; }));
+  ASSERT_TRUE(advertiser_.eventually([&] { return advertiser_.live == 1; }));
+  EXPECT_EQ(advertiser_.read([&] { return advertiser_.adverts.back().txt; }),
+            (TXTEntries{{"v", "3"}, {"http", std::to_string(httpPort)}}));
   EXPECT_TRUE(probe_.read([&] { return probe_.opened.empty(); }));
 
   auto& first = stream(port, token);
@@ -573,7 +491,7 @@ TEST_F(ScreenStreamServiceTest, CapturesWhileClientsStream) {
   clients_.pop_back();
   EXPECT_TRUE(statusBecomes("Streaming to Headset."));
   clients_.clear();
-  EXPECT_TRUE(statusBecomes(advertising));
+  EXPECT_TRUE(statusBecomes(advertising(port)));
   EXPECT_TRUE(eventually([&] {
     return !probe_.props.isCapturing && probe_.liveSources == 0 && probe_.liveEncoders == 0;
   }));
@@ -583,21 +501,6 @@ TEST_F(ScreenStreamServiceTest, CapturesWhileClientsStream) {
   EXPECT_TRUE(statusBecomes("Streaming is off."));
   EXPECT_FALSE(onMain([&] { return service_->activePort(); }));
   EXPECT_EQ(stored()["screenStreamEnabled"], false);
-}
-
-TEST_F(ScreenStreamServiceTest, ResumesAtLaunchOnlyWhenLeftOn) {
-  make();
-  onMain([&] { service_->resumeIfEnabled(); });
-  EXPECT_TRUE(eventually([&] { return probe_.props.availableDisplays.size() == 1; }));
-  EXPECT_FALSE(onMain([&] { return service_->activePort(); }));
-  onMain([&] { service_.reset(); });
-
-  make({{"screenStreamEnabled", true}});
-  onMain([&] { service_->resumeIfEnabled(); });
-  const auto port = onMain([&] { return service_->activePort(); });
-  ASSERT_TRUE(port);
-  EXPECT_TRUE(
-      statusBecomes("Advertising on port " + std::to_string(*port) + ". Waiting for Vantaro."));
 }
 
 // A wide shape creates a virtual display and captures it; mirror takes it down again, and so
@@ -671,9 +574,7 @@ TEST_F(ScreenStreamServiceTest, NotesRejectionsAndClearsThemLater) {
   EXPECT_FALSE(stored().contains("screenStreamVirtualPreset"));
 
   auto& outdated = connect(port);
-  OrinScreenControlMessage hello = control(Kind::hello);
-  hello.version = 2;
-  outdated.send(hello);
+  outdated.send(hello(2));
   EXPECT_TRUE(eventually([&] {
     return probe_.props.lastRejection ==
            "A device tried to connect: Vantaro on the headset is out of date. Update Vantaro, "
@@ -690,16 +591,12 @@ TEST_F(ScreenStreamServiceTest, RevokedTokensAreCutOffInEveryLaterServer) {
 
   onMain([&] { service_->revoke(tokenHash(token)); });
   EXPECT_TRUE(client.waitUntilClosed(patience));
-  EXPECT_TRUE(
-      statusBecomes("Advertising on port " + std::to_string(port) + ". Waiting for Vantaro."));
+  EXPECT_TRUE(statusBecomes(advertising(port)));
 
   onMain([&] { service_->setEnabled(false); });
   port = enable();
   auto& again = connect(port);
-  OrinScreenControlMessage hello = control(Kind::hello);
-  hello.version = 3;
-  hello.token = token;
-  again.send(hello);
+  again.send(hello(3, token));
   EXPECT_TRUE(again.waitUntilClosed(patience));
 }
 
@@ -720,7 +617,10 @@ TEST_F(ScreenStreamServiceTest, ReportsACaptureThatStops) {
   auto& client = stream(enable(), token);
   ASSERT_TRUE(eventually([&] { return probe_.props.isCapturing; }));
   EXPECT_TRUE(receivesKeyframe(client));
-  probe_.record([&] { probe_.grabFailure = DisplayCaptureError::connectionLost(); });
+  probe_.record([&] {
+    probe_.grabFailure = DisplayCaptureError::connectionLost();
+    probe_.grabsLeft = 0;
+  });
   EXPECT_TRUE(eventually([&] {
     return probe_.props.streamError ==
                "Capture stopped: The connection to the X display was lost." &&

@@ -79,9 +79,11 @@ class Collector {
     };
   }
 
-  bool waitFor(std::size_t count) {
+  // `done` is given the number of frames so far.
+  template <class Done>
+  bool waitUntil(Done done) {
     std::unique_lock lock(mutex_);
-    return arrived_.wait_for(lock, 20s, [&] { return frames_.size() >= count; });
+    return arrived_.wait_for(lock, 20s, [&] { return done(frames_.size()); });
   }
 
   std::vector<EncodedVideoFrame> frames() {
@@ -188,7 +190,8 @@ TEST(VideoEncoder, ProducesADecodableStreamWithKeyframesOnDemandAndOnTime) {
       const bool large = i >= count / 2;
       encoder.encode(syntheticFrame(large ? 1280 : 960, large ? 720 : 540, i,
                                     start + static_cast<std::uint64_t>(i) * frameGap));
-      ASSERT_TRUE(collector.waitFor(static_cast<std::size_t>(i) + 1)) << "frame " << i;
+      ASSERT_TRUE(collector.waitUntil([&](std::size_t n) { return n > std::size_t(i); }))
+          << "frame " << i;
     }
     const VideoEncoder::Statistics statistics = encoder.statistics();
     EXPECT_EQ(statistics.submitted, std::uint64_t{count});
@@ -265,16 +268,9 @@ TEST(VideoEncoder, ReplacesWaitingImagesWithNewerOnes) {
   const std::uint64_t start = monotonicMicroseconds();
   const CapturedFrame source = syntheticFrame(1280, 720, 0, start);
   std::vector<std::weak_ptr<const void>> owners;
-  std::mutex mutex;
-  std::condition_variable arrived;
-  std::vector<std::uint64_t> times;
+  Collector collector;
   {
-    VideoEncoder encoder(streamWidth, streamHeight, framesPerSecond, 1'000'000,
-                         [&](EncodedVideoFrame frame) {
-                           std::lock_guard lock(mutex);
-                           times.push_back(frame.header.presentationTimeMicroseconds);
-                           arrived.notify_all();
-                         });
+    VideoEncoder encoder(streamWidth, streamHeight, framesPerSecond, 1'000'000, collector.output());
     for (std::uint64_t i = 0; i < count; ++i) {
       CapturedFrame frame = source;
       frame.presentationTimeMicroseconds = start + i * frameGap;
@@ -282,12 +278,14 @@ TEST(VideoEncoder, ReplacesWaitingImagesWithNewerOnes) {
       owners.push_back(frame.owner);
       encoder.encode(frame);
     }
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(arrived.wait_for(
-        lock, 20s, [&] { return times.size() + encoder.statistics().replaced >= count; }));
-    EXPECT_EQ(times.size() + encoder.statistics().replaced, count);
+    ASSERT_TRUE(collector.waitUntil(
+        [&](std::size_t n) { return n + encoder.statistics().replaced >= count; }));
+    EXPECT_EQ(collector.frames().size() + encoder.statistics().replaced, count);
     EXPECT_GE(encoder.statistics().replaced, 1u);
   }
+  std::vector<std::uint64_t> times;
+  for (const auto& frame : collector.frames())
+    times.push_back(frame.header.presentationTimeMicroseconds);
   EXPECT_EQ(times.back(), start + (count - 1) * frameGap);
   EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
   for (const auto& owner : owners)

@@ -21,7 +21,6 @@ namespace {
 
 using testing::FakeDisplayConfigurator;
 using testing::FakeState;
-using testing::SharedConfigurator;
 
 TEST(ReducedBlankingTiming, MatchesCvtAndKeepsTheExactWidth) {
   struct Case {
@@ -229,7 +228,7 @@ class VirtualDisplayTest : public ::testing::Test {
   std::unique_ptr<OrinVirtualDisplay> create(std::uint32_t width = 5120,
                                              std::uint32_t height = 1440, bool guarded = true) {
     return OrinVirtualDisplay::create(
-        std::make_unique<SharedConfigurator>(fake),
+        std::make_unique<FakeDisplayConfigurator>(fake),
         guarded ? std::make_unique<RecordingGuard>(log, fake) : nullptr, "Orin Wide", width, height,
         60);
   }
@@ -351,28 +350,34 @@ TEST_F(VirtualDisplayTest, SoleDesktopSwitchesTheOthersOffAndBackExactly) {
   EXPECT_TRUE(log.released);
 }
 
-TEST_F(VirtualDisplayTest, SoleDesktopIsRefusedWithoutAWatchdog) {
-  auto unguarded = create(5120, 1440, false);
-  EXPECT_FALSE(unguarded->adoptAsSoleDesktop());
-  unguarded.reset();
-  EXPECT_EQ(fake.state, original);
-
-  auto display = create();
-  log.gone = true;
-  auto changes = fake.changes.size();
-  EXPECT_FALSE(display->adoptAsSoleDesktop());
-  EXPECT_FALSE(display->isSoleDesktop());
-  EXPECT_EQ(fake.changes.size(), changes);
-}
-
-TEST_F(VirtualDisplayTest, AFailedSwitchPutsTheOthersBack) {
-  auto display = create();
-  FakeState separate = fake.state;
-  fake.refused = {"setPrimary"};
-  EXPECT_FALSE(display->adoptAsSoleDesktop());
-  fake.refused.clear();
-  EXPECT_FALSE(display->isSoleDesktop());
-  EXPECT_EQ(fake.state, separate);
+// Without a watchdog nothing is touched; a switch the server refuses is undone.
+TEST_F(VirtualDisplayTest, ARefusedSwitchLeavesTheDesktopsAsTheyWere) {
+  struct Case {
+    const char* what;
+    bool guarded;
+    std::function<void()> arrange;
+    bool touches;
+  };
+  const Case cases[] = {
+      {"no watchdog", false, [] {}, false},
+      {"the watchdog gone", true, [this] { log.gone = true; }, false},
+      {"the server refusing", true, [this] { fake.refused = {"setPrimary"}; }, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto display = create(5120, 1440, c.guarded);
+    const FakeState separate = fake.state;
+    const auto changes = fake.changes.size();
+    c.arrange();
+    EXPECT_FALSE(display->adoptAsSoleDesktop());
+    fake.refused.clear();
+    log.gone = false;
+    EXPECT_FALSE(display->isSoleDesktop());
+    EXPECT_EQ(fake.state, separate);
+    EXPECT_EQ(fake.changes.size() > changes, c.touches);
+    display.reset();
+    EXPECT_EQ(fake.state, original);
+  }
 }
 
 TEST_F(VirtualDisplayTest, AFailedRestoreIsLeftToTheWatchdog) {
@@ -400,48 +405,32 @@ TEST(RestoreUserDesktop, NeverLeavesEveryScreenOff) {
   EXPECT_EQ(*fake.crtc(0x40), original.screen.crtcs[0]);
 }
 
-class WatchdogTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0); }
-  void TearDown() override {
-    if (ends[0] >= 0) close(ends[0]);
-    if (ends[1] >= 0) close(ends[1]);
-  }
-
-  // Runs the watchdog's side on a thread until the app's end closes; returns its status.
-  int watch(FakeDisplayConfigurator& fake, const std::vector<std::string>& lines,
-            bool reachable = true) {
-    int status = -1;
-    std::thread watchdog([&] {
-      status = runDisplayWatchdog(ends[1], [&]() -> std::unique_ptr<DisplayConfigurator> {
-        if (!reachable) throw VirtualDisplayError::displayServerUnreachable(":9");
-        return std::make_unique<SharedConfigurator>(fake);
-      });
-      close(ends[1]);
-      ends[1] = -1;
+// Runs the watchdog's side on a thread until the app's end closes; returns its status.
+int watch(FakeDisplayConfigurator& fake, const std::vector<std::string>& lines,
+          bool reachable = true) {
+  int ends[2];
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  int status = -1;
+  std::thread watchdog([&] {
+    status = runDisplayWatchdog(ends[1], [&]() -> std::unique_ptr<DisplayConfigurator> {
+      if (!reachable) throw VirtualDisplayError::displayServerUnreachable(":9");
+      return std::make_unique<FakeDisplayConfigurator>(fake);
     });
-    char ready[6] = {};
-    ssize_t heard = read(ends[0], ready, sizeof ready);
-    for (const auto& line : lines) {
-      EXPECT_EQ(write(ends[0], line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    }
-    close(ends[0]);
-    ends[0] = -1;
-    watchdog.join();
-    EXPECT_EQ(heard, reachable ? 6 : 0);
-    return status;
+    close(ends[1]);
+  });
+  char ready[6] = {};
+  ssize_t heard = read(ends[0], ready, sizeof ready);
+  for (const auto& line : lines) {
+    EXPECT_EQ(write(ends[0], line.data(), line.size()), static_cast<ssize_t>(line.size()));
   }
+  close(ends[0]);
+  watchdog.join();
+  EXPECT_EQ(heard, reachable ? 6 : 0);
+  return status;
+}
 
-  int ends[2] = {-1, -1};
-};
-
-TEST_F(WatchdogTest, RestoresFromTheLastCompleteRecordWhenTheAppIsGone) {
-  auto fake = FakeDisplayConfigurator::dummyServer();
-  FakeState original = fake.state;
-  RecordingGuard::Log log;
-  auto display = OrinVirtualDisplay::create(std::make_unique<SharedConfigurator>(fake),
-                                            std::make_unique<RecordingGuard>(log, fake),
-                                            "Orin Wide", 3840, 1080, 60);
+TEST_F(VirtualDisplayTest, TheWatchdogRestoresFromTheLastCompleteRecordWhenTheAppIsGone) {
+  auto display = create(3840, 1080);
   ASSERT_TRUE(display->adoptAsSoleDesktop());
   std::vector<std::string> lines;
   for (const auto& update : log.updates)
@@ -454,16 +443,11 @@ TEST_F(WatchdogTest, RestoresFromTheLastCompleteRecordWhenTheAppIsGone) {
   EXPECT_GT(fake.changes.size(), changes);
 }
 
-TEST_F(WatchdogTest, AReleaseLeavesTheScreenAlone) {
-  auto fake = FakeDisplayConfigurator::dummyServer();
+TEST_F(VirtualDisplayTest, TheWatchdogLeavesTheScreenAloneAfterAReleaseOrWithoutADisplay) {
   VirtualDisplayRecord record{"Orin Wide", "",   0,    0,   5120, 1440, 1920,
                               0,           1920, 1080, 508, 286,  0x4e, std::nullopt};
   EXPECT_EQ(watch(fake, {encodeRecord(record) + "\n", "release\n"}), 0);
   EXPECT_TRUE(fake.changes.empty());
-}
-
-TEST_F(WatchdogTest, AnUnreachableDisplayIsNeverReportedReady) {
-  auto fake = FakeDisplayConfigurator::dummyServer();
   EXPECT_EQ(watch(fake, {}, false), 1);
 }
 

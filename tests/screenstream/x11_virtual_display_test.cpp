@@ -110,23 +110,24 @@ class XorgDummyTest : public ::testing::Test {
   Snapshot original;
 };
 
-TEST_F(XorgDummyTest, AVirtualOutputBesideTheDesktopThatTheCaptureSees) {
+// Beside the desktop, then alone on it, and gone again; the capture sees each.
+TEST_F(XorgDummyTest, AVirtualOutputThatTheCaptureSees) {
   ASSERT_TRUE(OrinVirtualDisplay::isSupported(server->display()));
   auto display = OrinVirtualDisplay::create("Orin Wide", 5120, 1440, 60, optionsFor(*server));
   EXPECT_EQ(display->outputName(), "DUMMY1");
   EXPECT_EQ(display->displayID(), displayIdForMonitorName("Orin Wide"));
 
-  Snapshot now = snapshot(server->display());
-  EXPECT_EQ(now.screen.width, 7040u);
-  EXPECT_EQ(now.screen.height, 1440u);
-  EXPECT_TRUE(active(now, "DUMMY0"));
-  EXPECT_TRUE(active(now, "DUMMY1"));
-  ASSERT_EQ(now.monitors.size(), 2u);
-  EXPECT_EQ(now.monitors[1].name, "Orin Wide");
-  EXPECT_EQ(now.monitors[1].x, 1920);
-  EXPECT_EQ(now.monitors[1].width, 5120u);
-  EXPECT_EQ(now.monitors[1].height, 1440u);
-  EXPECT_EQ(now.monitors[1].widthMM, 1193u);
+  const Snapshot separate = snapshot(server->display());
+  EXPECT_EQ(separate.screen.width, 7040u);
+  EXPECT_EQ(separate.screen.height, 1440u);
+  EXPECT_TRUE(active(separate, "DUMMY0"));
+  EXPECT_TRUE(active(separate, "DUMMY1"));
+  ASSERT_EQ(separate.monitors.size(), 2u);
+  EXPECT_EQ(separate.monitors[1].name, "Orin Wide");
+  EXPECT_EQ(separate.monitors[1].x, 1920);
+  EXPECT_EQ(separate.monitors[1].width, 5120u);
+  EXPECT_EQ(separate.monitors[1].height, 1440u);
+  EXPECT_EQ(separate.monitors[1].widthMM, 1193u);
 
   Captured seen = capture(server->display(), display->displayID());
   EXPECT_TRUE(
@@ -136,35 +137,26 @@ TEST_F(XorgDummyTest, AVirtualOutputBesideTheDesktopThatTheCaptureSees) {
   EXPECT_EQ(seen.width, 5120);
   EXPECT_EQ(seen.height, 1440);
 
-  display->invalidate();
-  EXPECT_EQ(display->displayID(), 0u);
-  EXPECT_EQ(snapshot(server->display()), original);
-  display->invalidate();
-  display.reset();
-  EXPECT_EQ(snapshot(server->display()), original);
-}
-
-TEST_F(XorgDummyTest, SoleDesktopSwitchesDummy0OffAndBack) {
-  auto display = OrinVirtualDisplay::create("Orin Wide", 3840, 1080, 60, optionsFor(*server));
-  Snapshot separate = snapshot(server->display());
-
   ASSERT_TRUE(display->adoptAsSoleDesktop());
   Snapshot sole = snapshot(server->display());
   EXPECT_FALSE(active(sole, "DUMMY0"));
-  EXPECT_EQ(sole.screen.width, 3840u);
-  EXPECT_EQ(sole.screen.height, 1080u);
+  EXPECT_EQ(sole.screen.width, 5120u);
+  EXPECT_EQ(sole.screen.height, 1440u);
   ASSERT_EQ(sole.monitors.size(), 1u);
   EXPECT_EQ(sole.monitors[0].name, "Orin Wide");
   EXPECT_EQ(sole.monitors[0].x, 0);
-  Captured seen = capture(server->display(), display->displayID());
+  seen = capture(server->display(), display->displayID());
   EXPECT_EQ(seen.displays.size(), 1u);
-  EXPECT_EQ(seen.width, 3840);
+  EXPECT_EQ(seen.width, 5120);
 
   display->restoreSeparateDesktops();
   EXPECT_EQ(snapshot(server->display()), separate);
+  display->invalidate();
+  EXPECT_EQ(display->displayID(), 0u);
+  EXPECT_EQ(snapshot(server->display()), original);
 
-  ASSERT_TRUE(display->adoptAsSoleDesktop());
-  display.reset();
+  ASSERT_TRUE(OrinVirtualDisplay::create("Orin Wide", 3840, 1080, 60, optionsFor(*server))
+                  ->adoptAsSoleDesktop());
   EXPECT_EQ(snapshot(server->display()), original);
 }
 
@@ -208,14 +200,8 @@ TEST_F(XorgDummyTest, TheWatchdogRestoresEverythingAfterSigkill) {
   prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
-class XvfbTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (auto missing = XServerProcess::unavailable(XServerKind::xvfb)) GTEST_SKIP() << *missing;
-  }
-};
-
-TEST_F(XvfbTest, ABareMonitorOverTheGrownFramebuffer) {
+TEST(XvfbVirtualDisplay, ABareMonitorOverTheGrownFramebuffer) {
+  if (auto missing = XServerProcess::unavailable(XServerKind::xvfb)) GTEST_SKIP() << *missing;
   // Xvfb's framebuffer can grow back to the size it started with, so it starts wide and is
   // made an ordinary 1920×1080 desktop first.
   auto server = XServerProcess::start({XServerKind::xvfb, "7040x1440"});
