@@ -3,8 +3,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
@@ -12,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "OrinLink/screenstream/HEVCBitstream.h"
+#include "OrinLink/screenstream/LibavHEVCEncoder.h"
 #include "OrinLink/screenstream/PixelConversion.h"
 #include "OrinLink/screenstream/ThreadPriority.h"
 #include "OrinLink/screenstream/VideoEncoder.h"
@@ -331,6 +334,35 @@ TEST(PixelConversion, ConvertsEachBlockToBT709LimitedRange) {
     EXPECT_EQ(y, expectedY) << int(c.top.r) << "," << int(c.top.g) << "," << int(c.top.b);
     EXPECT_EQ(u, (std::vector<std::uint8_t>{c.u, c.u}));
     EXPECT_EQ(v, (std::vector<std::uint8_t>{c.v, c.v}));
+  }
+}
+
+// Two threads take half the rows each; the picture is the one a single pass makes.
+TEST(PixelConversion, TwoThreadsMakeTheSamePictureAsOne) {
+  constexpr int width = 64;
+  constexpr int height = 38;  // halves meet on row 18, not at the middle
+  std::vector<std::uint8_t> bgra(width * 4 * height);
+  std::mt19937 random(3);
+  for (auto& byte : bgra)
+    byte = static_cast<std::uint8_t>(random());
+  CapturedFrame frame;
+  frame.width = width;
+  frame.height = height;
+  frame.bytesPerRow = width * 4;
+  frame.pixels = bgra.data();
+  YUVConverter single(width, height, YUVConverter::Layout::planar, 1);
+  YUVConverter split(width, height, YUVConverter::Layout::planar, 2);
+  ASSERT_EQ(single.convert(frame), 0);
+  ASSERT_EQ(split.convert(frame), 0);
+  for (int plane = 0; plane < 3; ++plane) {
+    const int columns = plane == 0 ? width : width / 2;
+    for (int row = 0; row < (plane == 0 ? height : height / 2); ++row) {
+      const auto line = [&](YUVConverter& c) {
+        return c.target()->data[plane] + row * c.target()->linesize[plane];
+      };
+      ASSERT_EQ(std::memcmp(line(single), line(split), static_cast<std::size_t>(columns)), 0)
+          << plane << ", " << row;
+    }
   }
 }
 
