@@ -382,7 +382,10 @@ TEST_F(OllamaRuntimeTest, StreamsPiecesAndRetriesOnceWithoutThink) {
 
 TEST_F(OllamaRuntimeTest, StreamsGoOutOnASpareConnectionAndAgainWhenItWasDropped) {
   auto spare = std::make_shared<SpareConnection>(loop_.executor());
-  OllamaRuntime client = runtime();
+  // By name, so that the spare is opened after a lookup.
+  OllamaRuntime client(
+      *OllamaEndpoint::parse("http://localhost:" + std::to_string(daemon_.port()) + "/"),
+      loop_.executor());
   client.useSpareConnection(spare);
   // The second request finds the spare the first one left; the daemon drops it unanswered, so
   // the request goes again on a new connection.
