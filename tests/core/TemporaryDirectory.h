@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <system_error>
@@ -31,6 +33,12 @@ class TemporaryDirectory {
  private:
   std::filesystem::path path_;
 };
+
+// A file's contents; empty when it cannot be read.
+inline std::string readText(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
 
 // The permission bits, or -1 when the path cannot be examined.
 inline int permissions(const std::filesystem::path& path) {

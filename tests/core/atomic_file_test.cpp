@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -10,24 +9,12 @@
 #include "OrinLink/common/AtomicFile.h"
 
 #include "tests/core/TemporaryDirectory.h"
+#include "tests/support/ScopedEnvironment.h"
 
 namespace orin {
 namespace {
 
 namespace fs = std::filesystem;
-
-void setVariable(const char* name, const std::optional<std::string>& value) {
-  if (value) {
-    ::setenv(name, value->c_str(), 1);
-  } else {
-    ::unsetenv(name);
-  }
-}
-
-std::optional<std::string> variable(const char* name) {
-  const char* value = std::getenv(name);
-  return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
-}
 
 TEST(AtomicFile, DefaultDirectoriesFollowXDGRules) {
   struct Case {
@@ -39,18 +26,12 @@ TEST(AtomicFile, DefaultDirectoriesFollowXDGRules) {
       {std::nullopt, std::nullopt, "/home/u/.config/OrinLink", "/home/u/.local/share/OrinLink"},
       {"relative", "", "/home/u/.config/OrinLink", "/home/u/.local/share/OrinLink"},
   };
-  const auto saved = {std::pair("HOME", variable("HOME")),
-                      std::pair("XDG_CONFIG_HOME", variable("XDG_CONFIG_HOME")),
-                      std::pair("XDG_DATA_HOME", variable("XDG_DATA_HOME"))};
-  setVariable("HOME", "/home/u");
   for (const auto& c : cases) {
-    setVariable("XDG_CONFIG_HOME", c.configHome);
-    setVariable("XDG_DATA_HOME", c.dataHome);
+    const test::ScopedEnvironment environment(
+        {{"HOME", "/home/u"}, {"XDG_CONFIG_HOME", c.configHome}, {"XDG_DATA_HOME", c.dataHome}});
     EXPECT_EQ(defaultConfigDirectory(), c.config);
     EXPECT_EQ(defaultDataDirectory(), c.data);
   }
-  for (const auto& [name, value] : saved)
-    setVariable(name, value);
 }
 
 TEST(AtomicFile, ReplacesContentWithTheExactModeWhateverTheUmask) {

@@ -6,17 +6,13 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -24,11 +20,10 @@
 
 #include "ScreenStreamClient.h"
 #include "tests/core/TemporaryDirectory.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/StandInProcess.h"
 #include "tests/support/XServerProcess.h"
-
-extern char** environ;
 
 namespace orin::device::e2e {
 
@@ -53,141 +48,47 @@ constexpr std::size_t kernelBytesLimit = 256 * 1024;
 constexpr int fps = 15;
 constexpr std::uint64_t frameInterval = oneSecond / fps;
 
-inline std::string readText(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using test::readText;
 
 // The application on free ports with its files in `directory`; stopped with SIGTERM, as a
 // session ends, when this goes.
 class OrinLinkApp {
  public:
-  // `session` holds the desktop session's variables (DISPLAY=..., WAYLAND_DISPLAY=...), which
-  // replace the test's own; XDG_RUNTIME_DIR among them replaces the private one.
-  OrinLinkApp(const fs::path& directory, const std::vector<std::string>& session)
-      : directory_(directory) {
-    const fs::path config = directory / "config";
-    fs::create_directories(config);
-    // Nothing answers there: no Ollama of the machine's is asked anything.
-    std::ofstream(config / "settings.json") << R"({"ollamaBaseURL": "http://127.0.0.1:9"})";
-    // libx265 keeps allocations for the life of the process; under ASan the app would fail its
-    // exit on them.
-    std::ofstream(directory / "lsan.supp") << "leak:libx265.so\n";
-
-    std::vector<std::string> arguments{ORINLINK_PATH,
-                                       "--config-dir",
-                                       config.string(),
-                                       "--data-dir",
-                                       (directory / "data").string(),
-                                       "--port",
-                                       "0",
-                                       "--control-port",
-                                       "0",
-                                       "--stream-port",
-                                       "0",
-                                       "--no-advertise",
-                                       "--no-open"};
-    const auto replaced = [](std::string_view variable) {
-      for (std::string_view name :
-           {"DISPLAY=", "WAYLAND_DISPLAY=", "XDG_SESSION_TYPE=", "XAUTHORITY=", "HOME=",
-            "XDG_CONFIG_HOME=", "XDG_DATA_HOME=", "XDG_RUNTIME_DIR=", "DBUS_SESSION_BUS_ADDRESS=",
-            "PIPEWIRE_REMOTE=", "LSAN_OPTIONS="}) {
-        if (variable.starts_with(name)) return true;
-      }
-      return false;
-    };
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-      if (!replaced(*entry)) environment.emplace_back(*entry);
-    }
-    const char* lsan = std::getenv("LSAN_OPTIONS");
-    const bool ownRuntime = std::none_of(session.begin(), session.end(), [](const std::string& v) {
-      return v.starts_with("XDG_RUNTIME_DIR=");
-    });
-    environment.insert(environment.end(), session.begin(), session.end());
-    environment.push_back("HOME=" + directory.string());
-    environment.push_back("XDG_CONFIG_HOME=" + (directory / "xdg-config").string());
-    environment.push_back("XDG_DATA_HOME=" + (directory / "xdg-data").string());
-    if (ownRuntime) environment.push_back("XDG_RUNTIME_DIR=" + directory.string());
-    environment.push_back("LSAN_OPTIONS=" + std::string(lsan ? lsan : "") + (lsan ? ":" : "") +
-                          "suppressions=" + (directory / "lsan.supp").string());
-    std::vector<char*> argv;
-    for (auto& word : arguments)
-      argv.push_back(word.data());
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (auto& entry : environment)
-      envp.push_back(entry.data());
-    envp.push_back(nullptr);
-
-    const int log = ::open((directory / "orinlink.log").c_str(),
-                           O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (log < 0) throw std::runtime_error("cannot write the application's log");
-    const pid_t parent = ::getpid();
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      // A test that dies takes the application with it.
-      ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-      if (::getppid() != parent) ::_exit(127);
-      ::dup2(log, STDOUT_FILENO);
-      ::dup2(log, STDERR_FILENO);
-      ::execve(argv[0], argv.data(), envp.data());
-      ::_exit(127);
-    }
-    ::close(log);
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-  }
+  // `session` holds the desktop session's variables (DISPLAY, WAYLAND_DISPLAY...), which replace
+  // the test's own; XDG_RUNTIME_DIR among them replaces the private one.
+  OrinLinkApp(const fs::path& directory, const std::map<std::string, std::string>& session)
+      : directory_(directory), process_(ORINLINK_PATH, directory, session, {"--no-open"}) {}
 
   ~OrinLinkApp() { stop(); }
   OrinLinkApp(const OrinLinkApp&) = delete;
   OrinLinkApp& operator=(const OrinLinkApp&) = delete;
 
-  // False, with the reason in `why`, when the control API does not come up.
-  bool waitUntilReady(std::string& why) {
+  // False when the control API does not come up.
+  bool waitUntilReady() {
     const std::string prefix = "Control API on 127.0.0.1:";
-    std::string text;
-    const bool up = eventually(
-        [&] {
-          text = log();
-          return text.find(prefix) != std::string::npos || exited();
-        },
-        startLimit);
-    const auto at = text.find(prefix);
-    if (!up || at == std::string::npos) {
-      why = "orinlink did not start; its output:\n" + text;
-      return false;
-    }
-    controlPort_ = static_cast<std::uint16_t>(std::stoi(text.substr(at + prefix.size())));
+    const auto line = process_.waitForLine(prefix, startLimit);
+    if (!line) return false;
+    controlPort_ =
+        static_cast<std::uint16_t>(std::stoi(line->substr(line->find(prefix) + prefix.size())));
     secret_ = readText(directory_ / "config" / "control-secret");
     while (!secret_.empty() && (secret_.back() == '\n' || secret_.back() == '\r'))
       secret_.pop_back();
     return true;
   }
 
-  // The wait status, or nullopt when it had to be killed.
+  // The exit status, or nothing when it has to be killed.
   std::optional<int> stop() {
-    if (pid_ <= 0) return status_;
-    ::kill(pid_, SIGTERM);
-    const bool ended = eventually([&] { return exited(); }, startLimit);
-    if (!ended) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    pid_ = -1;
-    return status_;
+    process_.signal(SIGTERM);
+    return process_.waitForExit(startLimit);
   }
 
   // As a crash or the OOM killer would: no handler runs.
   void kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    process_.signal(SIGKILL);
+    process_.waitForExit();
   }
 
-  std::string log() const { return readText(directory_ / "orinlink.log"); }
+  std::string log() { return process_.output(); }
 
   json state() const { return exchange("GET", "/api/state", {}); }
   json post(const std::string& path, const json& body) const {
@@ -220,15 +121,6 @@ class OrinLinkApp {
   std::string pairingCode() const { return state()["pairing"]["code"].get<std::string>(); }
 
  private:
-  bool exited() {
-    if (pid_ <= 0) return true;
-    int status = 0;
-    if (::waitpid(pid_, &status, WNOHANG) != pid_) return false;
-    status_ = status;
-    pid_ = -1;
-    return true;
-  }
-
   json exchange(const std::string& method, const std::string& path, const std::string& body) const {
     const auto reply = testing_support::httpExchange(controlPort_, method, path, body,
                                                      {{"Authorization", "Bearer " + secret_}});
@@ -240,8 +132,7 @@ class OrinLinkApp {
   }
 
   fs::path directory_;
-  pid_t pid_ = -1;
-  std::optional<int> status_;
+  test::OrinLinkProcess process_;
   std::uint16_t controlPort_ = 0;
   std::string secret_;
 };
@@ -384,33 +275,39 @@ inline void sendShape(ScreenStreamClient& client, OrinScreenShape shape) {
   client.send(request);
 }
 
-struct Probe {
-  std::vector<std::pair<int, int>> frameSizes;
-  std::string errors;
-  int status = -1;
-};
-
-// Writes the recording's video to `file` and decodes every frame of it with ffprobe.
-inline Probe probe(const Recording& recording, const fs::path& file) {
+inline void save(const Recording& recording, const fs::path& file) {
   std::ofstream(file, std::ios::binary)
       .write(reinterpret_cast<const char*>(recording.annexB.data()),
              static_cast<std::streamsize>(recording.annexB.size()));
+}
+
+// Writes the recording's video to `file` and decodes every frame of it with ffprobe; with
+// `sizes`, the frames must have these sizes in turn, a run of one size counting once.
+inline testing::AssertionResult decodes(const Recording& recording, const fs::path& file,
+                                        const std::vector<std::pair<int, int>>& sizes = {}) {
+  save(recording, file);
   using testing_support::shellQuoted;
   const fs::path errors = file.string() + ".errors";
   const auto [output, status] = testing_support::runShell(
       "ffprobe -v error -f hevc -show_entries frame=width,height -of csv=p=0 " +
       shellQuoted(file.string()) + " 2>" + shellQuoted(errors.string()));
-  Probe result;
-  result.status = status;
-  result.errors = readText(errors);
+  std::size_t frames = 0;
+  std::vector<std::pair<int, int>> runs;
   std::istringstream lines(output);
   for (std::string line; std::getline(lines, line);) {
-    int width = 0;
-    int height = 0;
-    if (std::sscanf(line.c_str(), "%d,%d", &width, &height) == 2)
-      result.frameSizes.emplace_back(width, height);
+    std::pair<int, int> size;
+    if (std::sscanf(line.c_str(), "%d,%d", &size.first, &size.second) != 2) continue;
+    ++frames;
+    if (runs.empty() || runs.back() != size) runs.push_back(size);
   }
-  return result;
+  if (status != 0 || !readText(errors).empty())
+    return testing::AssertionFailure() << "ffprobe failed: " << readText(errors);
+  if (frames != recording.frames.size() || (!sizes.empty() && runs != sizes)) {
+    return testing::AssertionFailure()
+           << frames << " of " << recording.frames.size() << " frames decoded, of sizes "
+           << testing::PrintToString(runs);
+  }
+  return testing::AssertionSuccess();
 }
 
 template <typename Microseconds>
@@ -423,21 +320,17 @@ double seconds(Microseconds microseconds) {
 class StreamingApp : public ::testing::Test {
  protected:
   // `session`: the desktop session's variables for the application.
-  void launch(const std::vector<std::string>& session) {
+  void launch(const std::map<std::string, std::string>& session) {
     app_ = std::make_unique<OrinLinkApp>(directory_.path(), session);
-    std::string why;
-    ASSERT_TRUE(app_->waitUntilReady(why)) << why;
+    ASSERT_TRUE(app_->waitUntilReady()) << "orinlink did not start; its output:\n" << app_->log();
     port_ = app_->enableStreaming(1080, fps);
     ASSERT_NE(port_, 0) << app_->log();
   }
 
   void TearDown() override {
     if (!app_) return;
-    const auto status = app_->stop();
     // A crash, a sanitizer report or a hang on the way out is a failure of the run.
-    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
-        << "orinlink did not exit cleanly; its output:\n"
-        << app_->log();
+    EXPECT_EQ(app_->stop(), 0) << "orinlink did not exit cleanly; its output:\n" << app_->log();
   }
 
   Headset join(const std::string& name, std::optional<int> receiveBufferBytes = std::nullopt) {
@@ -450,6 +343,19 @@ class StreamingApp : public ::testing::Test {
         {std::nullopt, app_->pairingCode(), "e2e-" + name, name}, eventLimit);
     headset.acceptedAt = monotonicMicroseconds();
     return headset;
+  }
+
+  // Asks for `shape` and receives its keyframe, `width` × 1080, and a few frames after it.
+  void reshape(Headset& headset, Recording& got, OrinScreenShape shape, std::int64_t width) {
+    sendShape(*headset.client, shape);
+    const std::size_t from = got.order.size();
+    got.controls.clear();
+    ASSERT_TRUE(receiveUntil(*headset.client, got, startLimit,
+                             [&] { return got.keyframeOfSize(from, width, 1080); }))
+        << got.describe() << "\n"
+        << app_->log();
+    EXPECT_TRUE(got.sawShape(shape)) << got.describe();
+    ASSERT_TRUE(receiveFrames(*headset.client, got, 3, startLimit));
   }
 
   orin::test::TemporaryDirectory directory_;

@@ -63,25 +63,15 @@ std::string requestPath(sd_bus_message* m, const Options& options) {
          options.texts.at("handle_token");
 }
 
-int appendStreams(sd_bus_message* m, const std::vector<PortalStandIn::Stream>& streams) {
-  int r = sd_bus_message_open_container(m, 'e', "sv");
-  if (r >= 0) r = sd_bus_message_append(m, "s", "streams");
-  if (r >= 0) r = sd_bus_message_open_container(m, 'v', "a(ua{sv})");
-  if (r >= 0) r = sd_bus_message_open_container(m, 'a', "(ua{sv})");
-  for (const auto& stream : streams) {
-    if (r >= 0) r = sd_bus_message_open_container(m, 'r', "ua{sv}");
-    if (r >= 0) r = sd_bus_message_append(m, "u", stream.nodeId);
-    if (r >= 0) r = sd_bus_message_open_container(m, 'a', "{sv}");
-    if (r >= 0) r = sd_bus_message_append(m, "{sv}", "source_type", "u", 1U);
-    if (r >= 0 && stream.size) {
-      r = sd_bus_message_append(m, "{sv}", "size", "(ii)", stream.size->first, stream.size->second);
-    }
-    for (int close = 0; close < 2 && r >= 0; ++close)
-      r = sd_bus_message_close_container(m);
+int appendStreams(sd_bus_message* m, const std::optional<PortalStandIn::Stream>& stream) {
+  if (!stream) return sd_bus_message_append(m, "{sv}", "streams", "a(ua{sv})", 0U);
+  if (!stream->size) {
+    return sd_bus_message_append(m, "{sv}", "streams", "a(ua{sv})", 1U, stream->nodeId, 1U,
+                                 "source_type", "u", 1U);
   }
-  for (int close = 0; close < 3 && r >= 0; ++close)
-    r = sd_bus_message_close_container(m);
-  return r;
+  return sd_bus_message_append(m, "{sv}", "streams", "a(ua{sv})", 1U, stream->nodeId, 2U,
+                               "source_type", "u", 1U, "size", "(ii)", stream->size->first,
+                               stream->size->second);
 }
 
 void check(int r, const char* what) {
@@ -144,7 +134,7 @@ int PortalStandIn::stop(sd_event_source* source, int, std::uint32_t, void*) {
 
 int PortalStandIn::respond(const std::string& request, std::uint32_t code,
                            const std::vector<std::pair<std::string, std::string>>& texts,
-                           const std::vector<Stream>* streams) {
+                           bool withStream) {
   sd_bus_message* signal = nullptr;
   int r = sd_bus_message_new_signal(bus_, &signal, request.c_str(),
                                     "org.freedesktop.portal.Request", "Response");
@@ -154,7 +144,7 @@ int PortalStandIn::respond(const std::string& request, std::uint32_t code,
   for (const auto& [key, value] : texts) {
     if (r >= 0) r = sd_bus_message_append(signal, "{sv}", key.c_str(), "s", value.c_str());
   }
-  if (r >= 0 && streams != nullptr) r = appendStreams(signal, *streams);
+  if (r >= 0 && withStream) r = appendStreams(signal, behaviour_.stream);
   if (r >= 0) r = sd_bus_message_close_container(signal);
   if (r >= 0) r = sd_bus_send(bus_, signal, nullptr);
   sd_bus_message_unref(signal);
@@ -171,8 +161,7 @@ int PortalStandIn::createSession(sd_bus_message* m, void* userdata, sd_bus_error
                               options.texts.at("session_handle_token");
   r = sd_bus_reply_method_return(m, "o", request.c_str());
   if (r < 0) return r;
-  return self.respond(request, self.behaviour_.createResponse, {{"session_handle", session}},
-                      nullptr);
+  return self.respond(request, self.behaviour_.createResponse, {{"session_handle", session}});
 }
 
 int PortalStandIn::selectSources(sd_bus_message* m, void* userdata, sd_bus_error*) {
@@ -205,7 +194,7 @@ int PortalStandIn::selectSources(sd_bus_message* m, void* userdata, sd_bus_error
   }
   const std::string request = requestPath(m, options);
   r = sd_bus_reply_method_return(m, "o", request.c_str());
-  return r < 0 ? r : self.respond(request, code, {}, nullptr);
+  return r < 0 ? r : self.respond(request, code, {});
 }
 
 int PortalStandIn::start(sd_bus_message* m, void* userdata, sd_bus_error*) {
@@ -232,7 +221,7 @@ int PortalStandIn::start(sd_bus_message* m, void* userdata, sd_bus_error*) {
     self.lastToken_ = "token-" + std::to_string(++self.tokens_);
     texts.emplace_back("restore_token", self.lastToken_);
   }
-  return self.respond(request, self.behaviour_.startResponse, texts, &self.behaviour_.streams);
+  return self.respond(request, self.behaviour_.startResponse, texts, true);
 }
 
 int PortalStandIn::openPipeWireRemote(sd_bus_message* m, void* userdata, sd_bus_error*) {

@@ -32,7 +32,7 @@ class PortalStandIn {
     std::uint32_t startResponse = 0;
     // Start is answered at once, never, or by leaving the bus.
     enum class Start { answer, ignore, vanish } start = Start::answer;
-    std::vector<Stream> streams = {{42, std::make_pair(1280, 720)}};
+    std::optional<Stream> stream = Stream{42, std::make_pair(1280, 720)};
     // Start hands out "token-1", "token-2"... unless this is off.
     bool handOutTokens = true;
     // Once a token was handed out, SelectSources answers 2 unless it brings that one back.
@@ -75,7 +75,7 @@ class PortalStandIn {
 
   int respond(const std::string& request, std::uint32_t code,
               const std::vector<std::pair<std::string, std::string>>& texts,
-              const std::vector<Stream>* streams);
+              bool withStream = false);
 
   const Behaviour behaviour_;
   sd_bus* bus_ = nullptr;

@@ -2,8 +2,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <poll.h>
 #include <string>
@@ -65,15 +63,6 @@ std::string readAll(int fd) {
   return text;
 }
 
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-fs::perms permissions(const fs::path& path) {
-  return fs::status(path).permissions() & fs::perms::mask;
-}
-
 TEST(PortalScreenCast, EachAnswerEndsInAStreamOrItsError) {
   struct Case {
     const char* name;
@@ -90,7 +79,9 @@ TEST(PortalScreenCast, EachAnswerEndsInAStreamOrItsError) {
   const Case cases[] = {
       {.name = "shared", .portal = Behaviour{}, .cursorMode = 2, .persistMode = 2},
       {.name = "virtual monitor, older portal",
-       .portal = Behaviour{.version = 3, .cursorModes = 1, .streams = {{7, std::nullopt}}},
+       .portal = Behaviour{.version = 3,
+                           .cursorModes = 1,
+                           .stream = test::PortalStandIn::Stream{7, std::nullopt}},
        .sourceType = portalSourceVirtual,
        .cursorMode = 1},
       {.name = "declined at the dialog",
@@ -108,7 +99,7 @@ TEST(PortalScreenCast, EachAnswerEndsInAStreamOrItsError) {
        .error = Kind::captureFailed,
        .text = "portal error 2"},
       {.name = "no stream",
-       .portal = Behaviour{.streams = {}},
+       .portal = Behaviour{.stream = std::nullopt},
        .error = Kind::captureFailed,
        .text = "portal error -61"},
       {.name = "unanswered dialog",
@@ -153,7 +144,7 @@ TEST(PortalScreenCast, EachAnswerEndsInAStreamOrItsError) {
     } else {
       ASSERT_TRUE(outcome.stream) << outcome.error->what();
       const PortalStream& stream = *outcome.stream;
-      const auto& given = c.portal->streams.front();
+      const auto& given = *c.portal->stream;
       EXPECT_EQ(stream.nodeId, given.nodeId);
       using Side = std::optional<std::uint32_t>;
       EXPECT_EQ(stream.width, given.size ? Side(given.size->first) : std::nullopt);
@@ -186,14 +177,14 @@ TEST(PortalScreenCast, TheRestoreTokenIsKeptPrivateAndBroughtBack) {
     test::PortalStandIn portal(desktop.address(), Behaviour{.requireLastToken = true});
     ASSERT_TRUE(attempt(cast, portalSourceMonitor).stream);
     EXPECT_EQ(portal.seen().restoreToken, std::nullopt);
-    EXPECT_EQ(readFile(file), "token-1");
-    EXPECT_EQ(permissions(file), fs::perms::owner_read | fs::perms::owner_write);
-    EXPECT_EQ(permissions(folder), fs::perms::owner_all);
+    EXPECT_EQ(test::readText(file), "token-1");
+    EXPECT_EQ(test::permissions(file), 0600);
+    EXPECT_EQ(test::permissions(folder), 0700);
 
     // The stand-in refuses a selection without the token it handed out.
     ASSERT_TRUE(attempt(cast, portalSourceMonitor).stream);
     EXPECT_EQ(portal.seen().restoreToken, "token-1");
-    EXPECT_EQ(readFile(file), "token-2");
+    EXPECT_EQ(test::readText(file), "token-2");
   }
   // A spent token is dropped when no new one comes.
   const Desktop other;

@@ -1,6 +1,5 @@
 #include "tests/support/PipeWireDaemon.h"
 
-#include <cstdlib>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -23,9 +22,7 @@ std::unique_ptr<PipeWireDaemon> PipeWireDaemon::start(std::string& why) {
   return daemon;
 }
 
-PipeWireDaemon::~PipeWireDaemon() {
-  restoreEnvironment();
-}
+PipeWireDaemon::~PipeWireDaemon() = default;
 
 std::string PipeWireDaemon::socketPath() const {
   return directory_ + "/pipewire-0";
@@ -47,29 +44,11 @@ int PipeWireDaemon::connect() const {
 }
 
 void PipeWireDaemon::useInThisProcess() {
-  if (savedEnvironment_.empty()) {
-    for (const char* name : {"XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "PIPEWIRE_REMOTE",
-                             "PIPEWIRE_RUNTIME_DIR"}) {
-      const char* value = std::getenv(name);
-      savedEnvironment_.emplace_back(name,
-                                     value ? std::optional<std::string>(value) : std::nullopt);
-    }
-  }
-  ::setenv("XDG_RUNTIME_DIR", directory_.c_str(), 1);
-  ::setenv("DBUS_SESSION_BUS_ADDRESS", busAddress_.c_str(), 1);
-  ::unsetenv("PIPEWIRE_REMOTE");
-  ::unsetenv("PIPEWIRE_RUNTIME_DIR");
-}
-
-void PipeWireDaemon::restoreEnvironment() {
-  for (const auto& [name, value] : savedEnvironment_) {
-    if (value) {
-      ::setenv(name.c_str(), value->c_str(), 1);
-    } else {
-      ::unsetenv(name.c_str());
-    }
-  }
-  savedEnvironment_.clear();
+  environment_.emplace(
+      std::map<std::string, std::optional<std::string>>{{"XDG_RUNTIME_DIR", directory_},
+                                                        {"DBUS_SESSION_BUS_ADDRESS", busAddress_},
+                                                        {"PIPEWIRE_REMOTE", std::nullopt},
+                                                        {"PIPEWIRE_RUNTIME_DIR", std::nullopt}});
 }
 
 namespace {

@@ -3,11 +3,10 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/ScopedEnvironment.h"
 #include "tests/support/WaylandSessionProcess.h"
 
 namespace orin::testing_support {
@@ -41,13 +40,11 @@ class PipeWireDaemon {
 
  private:
   PipeWireDaemon() = default;
-  void restoreEnvironment();
 
   std::unique_ptr<WaylandSessionProcess> session_;
   std::string directory_;
   std::string busAddress_;
-  // What useInThisProcess() changed: each variable with its earlier value, if it had one.
-  std::vector<std::pair<std::string, std::optional<std::string>>> savedEnvironment_;
+  std::optional<test::ScopedEnvironment> environment_;
 };
 
 // One daemon for a test binary, set up before its first test and used by this process (ctest

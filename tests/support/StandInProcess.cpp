@@ -1,15 +1,8 @@
 #include "tests/support/StandInProcess.h"
 
 #include <chrono>
-#include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdexcept>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
@@ -17,88 +10,34 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 
-extern char** environ;
+#include "tests/support/ChildProcess.h"
 
 namespace orin::testing_support {
-namespace {
-
-constexpr auto startBound = std::chrono::seconds(20);
-
-std::string readLine(int fd) {
-  std::string line;
-  const auto deadline = std::chrono::steady_clock::now() + startBound;
-  while (line.empty() || line.back() != '\n') {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    pollfd ready{fd, POLLIN, 0};
-    char byte = 0;
-    if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) break;
-    if (::read(fd, &byte, 1) != 1) break;
-    line.push_back(byte);
-  }
-  return line;
-}
-
-}  // namespace
 
 StandInProcess::StandInProcess(std::vector<std::string> arguments) {
-  int pipeEnds[2];
-  if (::pipe2(pipeEnds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
-  std::vector<std::string> words{STANDIN_PATH, "--port", "0", "--exit-with-parent"};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (std::string& word : words)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
-  const int failed = ::posix_spawn(&pid_, STANDIN_PATH, &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(pipeEnds[1]);
-  output_ = pipeEnds[0];
-  if (failed != 0) throw std::runtime_error("cannot start " STANDIN_PATH);
-  const std::string line = readLine(output_);
+  arguments.insert(arguments.begin(), {STANDIN_PATH, "--port", "0", "--exit-with-parent"});
+  process_ = std::make_unique<test::ChildProcess>(std::move(arguments));
   const std::string prefix = "listening on 127.0.0.1:";
-  if (!line.starts_with(prefix)) {
-    kill();
-    ::close(output_);
-    throw std::runtime_error("the stand-in did not start: " + line);
-  }
-  port_ = static_cast<std::uint16_t>(std::stoi(line.substr(prefix.size())));
+  const auto line = process_->waitForLine("listening on ", std::chrono::seconds(20));
+  if (!line || !line->starts_with(prefix))
+    throw std::runtime_error("the stand-in did not start: " + process_->output());
+  port_ = static_cast<std::uint16_t>(std::stoi(line->substr(prefix.size())));
 }
 
 StandInProcess StandInProcess::withConfig(const nlohmann::json& config) {
-  char path[] = "/tmp/orin-standin-XXXXXX";
-  const int fd = ::mkstemp(path);
-  if (fd < 0) throw std::runtime_error("mkstemp failed");
-  ::close(fd);
-  std::ofstream(path) << config.dump();
-  StandInProcess process({"--config", path});
-  process.configFile_ = path;
+  auto folder = std::make_unique<test::TemporaryDirectory>();
+  const auto file = folder->path() / "standin.json";
+  std::ofstream(file) << config.dump();
+  StandInProcess process({"--config", file.string()});
+  process.configFolder_ = std::move(folder);
   return process;
 }
 
-StandInProcess::StandInProcess(StandInProcess&& other) noexcept
-    : pid_(std::exchange(other.pid_, -1)),
-      output_(std::exchange(other.output_, -1)),
-      port_(other.port_),
-      configFile_(std::move(other.configFile_)) {
-  other.configFile_.clear();
-}
-
-StandInProcess::~StandInProcess() {
-  kill();
-  if (output_ >= 0) ::close(output_);
-  if (!configFile_.empty()) ::unlink(configFile_.c_str());
-}
+StandInProcess::StandInProcess(StandInProcess&& other) noexcept = default;
+StandInProcess::~StandInProcess() = default;
 
 void StandInProcess::kill() {
-  if (pid_ <= 0) return;
-  ::kill(pid_, SIGKILL);
-  int status = 0;
-  ::waitpid(pid_, &status, 0);
-  pid_ = -1;
+  process_.reset();
 }
 
 nlohmann::json StandInProcess::stats() const {

@@ -1,11 +1,16 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+namespace orin::test {
+class ChildProcess;
+class TemporaryDirectory;
+}  // namespace orin::test
 
 namespace orin::testing_support {
 
@@ -31,10 +36,9 @@ class StandInProcess {
   bool waitFor(const nlohmann::json& until, int timeoutMilliseconds = 20000) const;
 
  private:
-  pid_t pid_ = -1;
-  int output_ = -1;
+  std::unique_ptr<test::TemporaryDirectory> configFolder_;
+  std::unique_ptr<test::ChildProcess> process_;
   std::uint16_t port_ = 0;
-  std::string configFile_;
 };
 
 // One HTTP/1.1 exchange with a loopback port: the status and the body; status 0 when the

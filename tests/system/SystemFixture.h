@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -13,7 +14,14 @@ using testing_support::eventually;
 // The stand-in services (see bus_standin.cpp) on a bus, ready once constructed.
 class BusStandIn : public ChildProcess {
  public:
-  BusStandIn(const std::string& address, const std::vector<std::string>& options);
+  BusStandIn(const std::string& address, std::vector<std::string> options)
+      : ChildProcess([&] {
+          options.insert(options.begin(), {ORIN_BUS_STANDIN, address});
+          return options;
+        }()) {
+    if (!waitForLine("ready"))
+      throw std::runtime_error("the bus stand-in did not start: " + output());
+  }
 };
 
 }  // namespace orin::test

@@ -1,7 +1,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -220,13 +219,6 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- start at login ----
 
-std::string readAll(const std::filesystem::path& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 // desktop-file-validate's verdict, or nothing when it is not installed.
 std::optional<std::string> validationProblems(const std::filesystem::path& entry) {
   if (std::system("command -v desktop-file-validate >/dev/null") != 0) return std::nullopt;
@@ -251,7 +243,7 @@ TEST(AutostartTest, WritesAndRemovesTheEntryAtEveryCall) {
 
   item.setEnabled(true);
   item.setEnabled(true);
-  const std::string text = readAll(entry);
+  const std::string text = readText(entry);
   EXPECT_NE(text.find("\nExec=" + selfExecutable().string() + " --no-open\n"), std::string::npos)
       << text;
   EXPECT_EQ(permissions(entry), 0644);

@@ -105,12 +105,9 @@ TEST(EditionGuardTest, LockFolderFollowsTheRuntimeDirectory) {
 class TwoCopiesTest : public ::testing::Test {
  protected:
   TwoCopiesTest() {
-    for (const char* sub : {"run", "config", "data", "bin", "xdg"}) {
+    for (const char* sub : {"run", "bin"})
       std::filesystem::create_directories(folder_.path() / sub);
-    }
     std::filesystem::permissions(folder_.path() / "run", std::filesystem::perms::owner_all);
-    std::ofstream(folder_.path() / "config" / "settings.json")
-        << R"({"ollamaBaseURL": "http://127.0.0.1:9"})";
     const auto opener = folder_.path() / "bin" / "xdg-open";
     std::ofstream(opener) << "#!/bin/sh\necho \"$1\" >> '" << openedLog().string() << "'\n";
     std::filesystem::permissions(opener, std::filesystem::perms::owner_all);
@@ -119,36 +116,19 @@ class TwoCopiesTest : public ::testing::Test {
   std::filesystem::path openedLog() const { return folder_.path() / "opened.txt"; }
   std::filesystem::path runtime() const { return folder_.path() / "run"; }
 
-  std::unique_ptr<ChildProcess> start(std::vector<std::string> extra = {}) {
-    std::vector<std::string> argv = {ORINLINK_PATH,
-                                     "--config-dir",
-                                     (folder_.path() / "config").string(),
-                                     "--data-dir",
-                                     (folder_.path() / "data").string(),
-                                     "--no-advertise",
-                                     "--port",
-                                     "0",
-                                     "--control-port",
-                                     "0",
-                                     "--stream-port",
-                                     "0"};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return std::make_unique<ChildProcess>(
-        argv, std::map<std::string, std::string>{
-                  {"XDG_RUNTIME_DIR", runtime().string()},
-                  {"XDG_CONFIG_HOME", (folder_.path() / "xdg").string()},
-                  {"XDG_DATA_HOME", (folder_.path() / "xdg").string()},
-                  {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
-                  {"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()},
-                  {"PATH", (folder_.path() / "bin").string() + ":/usr/bin:/bin"},
-                  {"DISPLAY", ""},
-                  {"WAYLAND_DISPLAY", "orinlink-test"}});
+  std::unique_ptr<ChildProcess> start(const std::vector<std::string>& extra = {}) {
+    return std::make_unique<OrinLinkProcess>(
+        ORINLINK_PATH, folder_.path(),
+        std::map<std::string, std::string>{
+            {"XDG_RUNTIME_DIR", runtime().string()},
+            {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
+            {"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()},
+            {"PATH", (folder_.path() / "bin").string() + ":/usr/bin:/bin"},
+            {"WAYLAND_DISPLAY", "orinlink-test"}},
+        extra);
   }
 
-  std::string opened() const {
-    std::ifstream in(openedLog());
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
+  std::string opened() const { return readText(openedLog()); }
 
   TemporaryDirectory folder_;
   PrivateBus bus_;
@@ -159,9 +139,7 @@ TEST_F(TwoCopiesTest, ASecondStartOpensTheRunningCopysPanelAndEnds) {
   auto running = start({"--no-open"});
   // Reachable once its lock file names the control port.
   ASSERT_TRUE(eventually([&] {
-    std::ifstream in(runtime() / ownLock);
-    return std::string(std::istreambuf_iterator<char>(in), {}).find("controlPort") !=
-           std::string::npos;
+    return readText(runtime() / ownLock).find("controlPort") != std::string::npos;
   })) << running->output();
   EXPECT_EQ(opened(), "");
 
