@@ -163,6 +163,11 @@ TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
       ASSERT_EQ(api("POST", "/api/server/stop").status, 200);
     }
     EXPECT_EQ(state()["setupIssue"]["kind"], c.kind);
+    const auto found = onMain([&] { return app_->properties(); });
+    const bool reachable = !c.settings.contains("ollamaBaseURL");
+    EXPECT_EQ(found.isOllamaAvailable, reachable);
+    EXPECT_EQ(found.ollamaError.has_value(), !reachable);
+    EXPECT_EQ(found.models.empty(), !reachable);
     EXPECT_EQ(setupAction({{"kind", "noDevicePaired"}}).status, 409);
     EXPECT_EQ(setupAction({{"kind", c.kind}}).status, 200);
     if (c.fixed) {
