@@ -1,5 +1,4 @@
-#include <cstdio>
-#include <sys/wait.h>
+#include <sstream>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read_until.hpp>
@@ -8,6 +7,7 @@
 #include "OrinLink/system/EditionGuard.h"
 
 #include "tests/aiservice/AIServiceFixture.h"
+#include "tests/support/ChildProcess.h"
 
 namespace orin::test {
 namespace {
@@ -38,18 +38,13 @@ struct CommandResult {
 // With the lock records of `runtimeFolder`, never those of the user running the tests.
 CommandResult runOrinLink(const std::string& arguments,
                           const std::filesystem::path& runtimeFolder) {
-  const std::string command = "XDG_RUNTIME_DIR='" + runtimeFolder.string() + "' " +
-                              std::string(ORINLINK_PATH) + " " + arguments + " 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) return {};
-  CommandResult result;
-  char buffer[4096];
-  std::size_t read = 0;
-  while ((read = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
-    result.output.append(buffer, read);
-  const int status = ::pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
+  std::vector<std::string> argv{ORINLINK_PATH};
+  std::istringstream words(arguments);
+  for (std::string word; words >> word;)
+    argv.push_back(word);
+  ChildProcess orinlink(std::move(argv), {{"XDG_RUNTIME_DIR", runtimeFolder.string()}});
+  const auto status = orinlink.waitForExit();
+  return {status.value_or(-1), orinlink.output()};
 }
 
 TEST_F(ControlAPITest, TheSnapshotShowsDevicesWithoutTokens) {
@@ -163,6 +158,11 @@ TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
       ASSERT_EQ(api("POST", "/api/server/stop").status, 200);
     }
     EXPECT_EQ(state()["setupIssue"]["kind"], c.kind);
+    const auto found = onMain([&] { return app_->properties(); });
+    const bool reachable = !c.settings.contains("ollamaBaseURL");
+    EXPECT_EQ(found.isOllamaAvailable, reachable);
+    EXPECT_EQ(found.ollamaError.has_value(), !reachable);
+    EXPECT_EQ(found.models.empty(), !reachable);
     EXPECT_EQ(setupAction({{"kind", "noDevicePaired"}}).status, 409);
     EXPECT_EQ(setupAction({{"kind", c.kind}}).status, 200);
     if (c.fixed) {

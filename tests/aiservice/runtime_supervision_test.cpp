@@ -8,28 +8,6 @@ using RuntimeSupervisionTest = AIServiceTest;
 
 const Json unreachable = {{"ollamaBaseURL", "http://127.0.0.1:9"}};
 
-TEST_F(RuntimeSupervisionTest, RefreshSaysWhatItFound) {
-  struct Case {
-    Json settings;
-    std::string lastEvent;
-    bool available;
-  };
-  const Case cases[] = {
-      {{{"activeModel", "plain:1b"}}, "Ollama is ready with plain:1b.", true},
-      {{{"activeModel", "missing:1b"}}, "Ollama is reachable, but missing:1b was not found.", true},
-      {unreachable, "Ollama is not reachable.", false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.lastEvent);
-    restart(c.settings);
-    ASSERT_TRUE(waitForEvent(c.lastEvent));
-    const auto p = onMain([&] { return app_->properties(); });
-    EXPECT_EQ(p.isOllamaAvailable, c.available);
-    EXPECT_EQ(p.ollamaError.has_value(), !c.available);
-    EXPECT_EQ(p.models.empty(), !c.available);
-  }
-}
-
 TEST_F(RuntimeSupervisionTest, StartingOllamaRunsWhatThisMachineHas) {
   const char* config = std::getenv("XDG_CONFIG_HOME");
   const char* home = std::getenv("HOME");

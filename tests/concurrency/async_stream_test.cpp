@@ -2,7 +2,6 @@
 #include <functional>
 #include <future>
 #include <optional>
-#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -59,8 +58,8 @@ asio::awaitable<Drained> drain(IntStream stream, std::thread::id consumerThread)
   co_return out;
 }
 
-// Runs the producer's io_context on a thread of its own and the consumer's on the caller's, until
-// both run out of work.
+// Runs the producer's io_context on a thread of its own and the consumer's on
+// the caller's, until both run out of work.
 class TwoLoops {
  public:
   asio::io_context producer;
@@ -73,70 +72,56 @@ class TwoLoops {
   }
 };
 
-// Test names come from the cases' own names.
-struct CaseName {
-  template <class P>
-  std::string operator()(const testing::TestParamInfo<P>& param) const {
-    return param.param.name;
-  }
-};
+TEST(AsyncStream, DeliversInOrderAcrossThreadsThenEnds) {
+  struct Case {
+    const char* name;
+    int count;
+    std::optional<std::string> error;
+  };
+  const Case cases[] = {{"many", 10'000, std::nullopt},
+                        {"empty", 0, std::nullopt},
+                        {"fails after values", 3, "model went away: line 1\nline 2"},
+                        {"fails at once", 0, "refused"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto [stream, continuation] = IntStream::make();
+    TerminationLog termination;
+    continuation.onTermination(termination.callback());
 
-struct EndCase {
-  const char* name;
-  int count;
-  std::optional<std::string> error;
+    TwoLoops loops;
+    auto drained = asio::co_spawn(
+        loops.consumer, drain(std::move(stream), std::this_thread::get_id()), asio::use_future);
+    asio::post(loops.producer, [&c, continuation = continuation] {
+      for (int i = 0; i < c.count; ++i)
+        EXPECT_TRUE(continuation.yield(i));
+      if (c.error) {
+        continuation.finish(std::make_exception_ptr(std::runtime_error(*c.error)));
+      } else {
+        continuation.finish();
+      }
+      EXPECT_FALSE(continuation.yield(-1));
+    });
+    loops.run();
 
-  friend void PrintTo(const EndCase& c, std::ostream* os) { *os << c.name; }
-};
-
-class AsyncStreamEndTest : public testing::TestWithParam<EndCase> {};
-
-TEST_P(AsyncStreamEndTest, DeliversInOrderAcrossThreadsThenEnds) {
-  const EndCase& c = GetParam();
-  auto [stream, continuation] = IntStream::make();
-  TerminationLog termination;
-  continuation.onTermination(termination.callback());
-
-  TwoLoops loops;
-  auto drained = asio::co_spawn(
-      loops.consumer, drain(std::move(stream), std::this_thread::get_id()), asio::use_future);
-  asio::post(loops.producer, [&c, continuation = continuation] {
-    for (int i = 0; i < c.count; ++i)
-      EXPECT_TRUE(continuation.yield(i));
     if (c.error) {
-      continuation.finish(std::make_exception_ptr(std::runtime_error(*c.error)));
+      try {
+        drained.get();
+        ADD_FAILURE() << "the producer's error was not rethrown";
+      } catch (const std::runtime_error& e) {
+        EXPECT_EQ(e.what(), *c.error);
+      }
     } else {
-      continuation.finish();
+      const Drained got = drained.get();
+      ASSERT_EQ(got.values.size(), static_cast<std::size_t>(c.count));
+      for (int i = 0; i < c.count; ++i)
+        ASSERT_EQ(got.values[static_cast<std::size_t>(i)], i);
+      EXPECT_TRUE(got.allOnConsumerThread);
     }
-    EXPECT_FALSE(continuation.yield(-1));
-  });
-  loops.run();
-
-  if (c.error) {
-    try {
-      drained.get();
-      ADD_FAILURE() << "the producer's error was not rethrown";
-    } catch (const std::runtime_error& e) {
-      EXPECT_EQ(e.what(), *c.error);
-    }
-  } else {
-    const Drained got = drained.get();
-    ASSERT_EQ(got.values.size(), static_cast<std::size_t>(c.count));
-    for (int i = 0; i < c.count; ++i)
-      ASSERT_EQ(got.values[static_cast<std::size_t>(i)], i);
-    EXPECT_TRUE(got.allOnConsumerThread);
+    // The consumer dropping a finished stream is not a second termination.
+    EXPECT_EQ(termination.calls, 1);
+    EXPECT_EQ(termination.last, Termination::finished);
   }
-  // The consumer dropping a finished stream is not a second termination.
-  EXPECT_EQ(termination.calls, 1);
-  EXPECT_EQ(termination.last, Termination::finished);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Ends, AsyncStreamEndTest,
-    testing::Values(EndCase{"Many", 10'000, std::nullopt}, EndCase{"Empty", 0, std::nullopt},
-                    EndCase{"FailsAfterValues", 3, "model went away: line 1\nline 2"},
-                    EndCase{"FailsAtOnce", 0, "refused"}),
-    CaseName());
 
 TEST(AsyncStream, BuffersValuesYieldedBeforeTheConsumerWaits) {
   auto [stream, continuation] = IntStream::make();
@@ -155,8 +140,8 @@ TEST(AsyncStream, BuffersValuesYieldedBeforeTheConsumerWaits) {
   EXPECT_EQ(got.values.back(), count - 1);
 }
 
-// A consumer waiting on the producer's own loop takes each value before yield() returns, so a
-// relay forwards a token without a trip through its loop's queue.
+// A consumer waiting on the producer's own loop takes each value before yield()
+// returns, so a relay forwards a token without a trip through its loop's queue.
 TEST(AsyncStream, ConsumerOnTheProducersLoopTakesEachValueAtOnce) {
   asio::io_context loop;
   auto made = IntStream::make();
@@ -181,7 +166,8 @@ TEST(AsyncStream, ConsumerOnTheProducersLoopTakesEachValueAtOnce) {
   EXPECT_EQ(seenAfterYield, (std::vector<std::size_t>{1, 2, 3}));
 }
 
-// A burst is taken without waiting; the end is left for next(), which alone can report it.
+// A burst is taken without waiting; the end is left for next(), which alone can
+// report it.
 TEST(AsyncStream, TryNextTakesOnlyWhatIsBuffered) {
   auto [stream, continuation] = IntStream::make();
   EXPECT_EQ(stream.tryNext(), std::nullopt);
@@ -202,7 +188,8 @@ TEST(AsyncStream, TryNextTakesOnlyWhatIsBuffered) {
 // How a consumer leaves a stream whose producer is still open.
 enum class Departure { cancelWait, destroyStream };
 
-// Takes `take` values, then leaves as told; reports the code of a cancelled wait.
+// Takes `take` values, then leaves as told; reports the code of a cancelled
+// wait.
 asio::awaitable<boost::system::error_code> consumeThenLeave(IntStream stream, int take,
                                                             Departure departure) {
   for (int i = 0; i < take; ++i) {
@@ -212,7 +199,8 @@ asio::awaitable<boost::system::error_code> consumeThenLeave(IntStream stream, in
   if (departure == Departure::destroyStream) co_return boost::system::error_code{};
 
   asio::cancellation_signal signal;
-  // Posted from here so that it runs only after the wait below has started, on this executor.
+  // Posted from here so that it runs only after the wait below has started, on
+  // this executor.
   asio::post(co_await asio::this_coro::executor,
              [&signal] { signal.emit(asio::cancellation_type::terminal); });
   try {
@@ -223,49 +211,36 @@ asio::awaitable<boost::system::error_code> consumeThenLeave(IntStream stream, in
   throw std::logic_error("the wait was not cancelled");
 }
 
-struct DepartureCase {
-  const char* name;
-  Departure departure;
-  boost::system::error_code expectedCode;
+TEST(AsyncStream, ALeavingConsumerTellsTheProducerOnce) {
+  const std::pair<Departure, boost::system::error_code> cases[] = {
+      {Departure::cancelWait, asio::error::operation_aborted}, {Departure::destroyStream, {}}};
+  for (const auto& [departure, expectedCode] : cases) {
+    SCOPED_TRACE(static_cast<int>(departure));
+    auto [stream, continuation] = IntStream::make();
+    TerminationLog termination;
+    continuation.onTermination(termination.callback());
+    constexpr int sent = 100;
 
-  friend void PrintTo(const DepartureCase& c, std::ostream* os) { *os << c.name; }
-};
+    TwoLoops loops;
+    auto left = asio::co_spawn(loops.consumer, consumeThenLeave(std::move(stream), sent, departure),
+                               asio::use_future);
+    std::promise<bool> yieldAfterLeaving;
+    asio::post(loops.producer, [&, continuation = continuation] {
+      for (int i = 0; i < sent; ++i)
+        continuation.yield(i);
+      termination.firstCall.get_future().wait();
+      yieldAfterLeaving.set_value(continuation.yield(sent));
+      continuation.finish();
+    });
+    loops.run();
 
-class AsyncStreamDepartureTest : public testing::TestWithParam<DepartureCase> {};
-
-TEST_P(AsyncStreamDepartureTest, TellsTheProducerOnce) {
-  const DepartureCase& c = GetParam();
-  auto [stream, continuation] = IntStream::make();
-  TerminationLog termination;
-  continuation.onTermination(termination.callback());
-  constexpr int sent = 100;
-
-  TwoLoops loops;
-  auto left = asio::co_spawn(loops.consumer, consumeThenLeave(std::move(stream), sent, c.departure),
-                             asio::use_future);
-  std::promise<bool> yieldAfterLeaving;
-  asio::post(loops.producer, [&, continuation = continuation] {
-    for (int i = 0; i < sent; ++i)
-      continuation.yield(i);
-    termination.firstCall.get_future().wait();
-    yieldAfterLeaving.set_value(continuation.yield(sent));
-    continuation.finish();
-  });
-  loops.run();
-
-  EXPECT_EQ(left.get(), c.expectedCode);
-  EXPECT_FALSE(yieldAfterLeaving.get_future().get());
-  EXPECT_TRUE(continuation.isTerminated());
-  EXPECT_EQ(termination.calls, 1);
-  EXPECT_EQ(termination.last, Termination::cancelled);
+    EXPECT_EQ(left.get(), expectedCode);
+    EXPECT_FALSE(yieldAfterLeaving.get_future().get());
+    EXPECT_TRUE(continuation.isTerminated());
+    EXPECT_EQ(termination.calls, 1);
+    EXPECT_EQ(termination.last, Termination::cancelled);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Departures, AsyncStreamDepartureTest,
-                         testing::Values(DepartureCase{"CancelWait", Departure::cancelWait,
-                                                       asio::error::operation_aborted},
-                                         DepartureCase{
-                                             "DestroyStream", Departure::destroyStream, {}}),
-                         CaseName());
 
 TEST(AsyncStream, OnTerminationRegisteredAfterTheEndFiresAtOnce) {
   struct Case {

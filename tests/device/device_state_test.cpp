@@ -1,12 +1,11 @@
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include "DeviceState.h"
+#include "tests/core/TemporaryDirectory.h"
 
 namespace orin::device {
 namespace {
@@ -15,23 +14,8 @@ namespace fs = std::filesystem;
 
 class DeviceStateFile : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "orinlink-device-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
-
-  static int modeOf(const fs::path& path) {
-    struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) return -1;
-    return static_cast<int>(info.st_mode & 07777);
-  }
-
-  fs::path root_;
+  const test::TemporaryDirectory directory_;
+  const fs::path root_ = directory_.path();
 };
 
 TEST_F(DeviceStateFile, IsWrittenPrivatelyAndReadBack) {
@@ -40,9 +24,9 @@ TEST_F(DeviceStateFile, IsWrittenPrivatelyAndReadBack) {
                           "token-1"};
   saveState(path, first);
   EXPECT_EQ(loadState(path), first);
-  EXPECT_EQ(modeOf(path), 0600);
-  EXPECT_EQ(modeOf(root_ / "made"), 0700);
-  EXPECT_EQ(modeOf(root_ / "made" / "here"), 0700);
+  EXPECT_EQ(test::permissions(path), 0600);
+  EXPECT_EQ(test::permissions(root_ / "made"), 0700);
+  EXPECT_EQ(test::permissions(root_ / "made" / "here"), 0700);
 
   // A replacement keeps the mode and leaves no temporary file behind.
   DeviceState second = first;
@@ -50,7 +34,7 @@ TEST_F(DeviceStateFile, IsWrittenPrivatelyAndReadBack) {
   second.host.reset();
   saveState(path, second);
   EXPECT_EQ(loadState(path), second);
-  EXPECT_EQ(modeOf(path), 0600);
+  EXPECT_EQ(test::permissions(path), 0600);
   EXPECT_EQ(std::distance(fs::directory_iterator(path.parent_path()), fs::directory_iterator()), 1);
 }
 

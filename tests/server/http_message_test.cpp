@@ -53,21 +53,11 @@ Serialized split(const std::string& bytes) {
   const std::size_t headEnd = bytes.find("\r\n\r\n");
   EXPECT_NE(headEnd, std::string::npos);
   if (headEnd == std::string::npos) return {};
-  Serialized out;
-  out.body = bytes.substr(headEnd + 4);
-  std::size_t lineStart = 0;
-  for (bool first = true; lineStart <= headEnd; first = false) {
-    const std::size_t lineEnd = std::min(bytes.find("\r\n", lineStart), headEnd);
-    std::string line = bytes.substr(lineStart, lineEnd - lineStart);
-    if (first) {
-      out.statusLine = std::move(line);
-    } else {
-      out.headerLines.push_back(std::move(line));
-    }
-    lineStart = lineEnd + 2;
-  }
-  std::sort(out.headerLines.begin(), out.headerLines.end());
-  return out;
+  std::vector<std::string> lines;
+  for (std::size_t at = 0; at <= headEnd; at = bytes.find("\r\n", at) + 2)
+    lines.push_back(bytes.substr(at, bytes.find("\r\n", at) - at));
+  std::sort(lines.begin() + 1, lines.end());
+  return {lines.front(), {lines.begin() + 1, lines.end()}, bytes.substr(headEnd + 4)};
 }
 
 struct SerializeCase {

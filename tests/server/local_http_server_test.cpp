@@ -31,25 +31,24 @@ namespace asio = boost::asio;
 using namespace std::string_view_literals;
 using asio::ip::tcp;
 
-// A server on loopback port 0 with a handler the test chooses, and a blocking client.
+// A server on loopback port 0 with a handler the test chooses, and a blocking
+// client.
 class LocalHTTPServerTest : public testing::Test {
  protected:
   using Respond = std::function<HTTPHandlerResult(const HTTPRequest&)>;
 
-  void startServer(Respond respond, std::uint16_t port = 0,
-                   LocalHTTPServer::ImmediateHandler immediate = {}) {
+  void startServer(Respond respond, LocalHTTPServer::ImmediateHandler immediate = {}) {
     respond_ = std::move(respond);
     startServerWith(
         [this](HTTPRequest request) -> asio::awaitable<HTTPHandlerResult> {
           co_return respond_(request);
         },
-        port, std::move(immediate));
+        std::move(immediate));
   }
 
-  void startServerWith(LocalHTTPServer::Handler handler, std::uint16_t port = 0,
+  void startServerWith(LocalHTTPServer::Handler handler,
                        LocalHTTPServer::ImmediateHandler immediate = {}) {
     LocalHTTPServer::Options options;
-    options.port = port;
     options.bindAddress = asio::ip::address_v4::loopback();
     options.maxConnections = maxConnections_;
     options.openStream = openStream_;
@@ -70,7 +69,8 @@ class LocalHTTPServerTest : public testing::Test {
     return socket;
   }
 
-  // Sends the request in pieces of `piece` bytes, optionally half-closes, reads to the end.
+  // Sends the request in pieces of `piece` bytes, optionally half-closes, reads
+  // to the end.
   std::string exchange(std::string_view request, bool halfClose = false,
                        std::size_t piece = std::string::npos) {
     tcp::socket socket = connect();
@@ -189,7 +189,8 @@ TEST_F(LocalHTTPServerTest, WritesEventStreamsChunkByChunk) {
   }
 }
 
-// Revoking a token cuts off its stream in flight, and the producer learns of it.
+// Revoking a token cuts off its stream in flight, and the producer learns of
+// it.
 TEST_F(LocalHTTPServerTest, RevokingCancelsAStreamInFlight) {
   std::promise<TextChunkStream::Termination> ended;
   startServer([&](const HTTPRequest&) {
@@ -207,8 +208,8 @@ TEST_F(LocalHTTPServerTest, RevokingCancelsAStreamInFlight) {
   EXPECT_EQ(ended.get_future().get(), TextChunkStream::Termination::cancelled);
 }
 
-// A reset before the request is complete is a read error: the server's reply has nowhere to go,
-// and the next client must be served as if nothing happened.
+// A reset before the request is complete is a read error: the server's reply
+// has nowhere to go, and the next client must be served as if nothing happened.
 TEST_F(LocalHTTPServerTest, SurvivesPeersThatResetMidRequest) {
   startServer(echo);
   for (const std::string_view sent : {""sv, "GET /hea"sv, "nonsense\r\n"sv}) {
@@ -222,8 +223,9 @@ TEST_F(LocalHTTPServerTest, SurvivesPeersThatResetMidRequest) {
   EXPECT_EQ(statusLine(exchange("GET /health HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
 }
 
-// Requests the immediate handler takes never reach the main loop; the others still do, and a
-// request followed by more bytes still gets its whole reply before the close.
+// Requests the immediate handler takes never reach the main loop; the others
+// still do, and a request followed by more bytes still gets its whole reply
+// before the close.
 TEST_F(LocalHTTPServerTest, ImmediateAnswersSkipTheMainLoop) {
   std::atomic<int> mainCalls = 0;
   startServer(
@@ -231,7 +233,6 @@ TEST_F(LocalHTTPServerTest, ImmediateAnswersSkipTheMainLoop) {
         ++mainCalls;
         return echo(request);
       },
-      0,
       [](const HTTPRequest& request) -> std::optional<std::string> {
         if (request.path != "/fast") return std::nullopt;
         return HTTPResponse{200, "OK", {}, "fast"}.serialized();
@@ -253,8 +254,9 @@ TEST_F(LocalHTTPServerTest, ImmediateAnswersSkipTheMainLoop) {
   }
 }
 
-// A client that leaves while its request is handled on the main loop cancels the handler there,
-// however the two threads interleave, and whether the handler has finished or not.
+// A client that leaves while its request is handled on the main loop cancels
+// the handler there, however the two threads interleave, and whether the
+// handler has finished or not.
 TEST_F(LocalHTTPServerTest, LeavingCancelsTheHandlerOnTheMainLoop) {
   auto cancelled = std::make_shared<std::promise<void>>();
   startServerWith([&](HTTPRequest request) -> asio::awaitable<HTTPHandlerResult> {
@@ -279,8 +281,8 @@ TEST_F(LocalHTTPServerTest, LeavingCancelsTheHandlerOnTheMainLoop) {
   EXPECT_EQ(statusLine(exchange("GET /health HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
 }
 
-// There is no read time-out: idle and slow peers beyond the cap push out the oldest of them, so a
-// real request is still served.
+// There is no read time-out: idle and slow peers beyond the cap push out the
+// oldest of them, so a real request is still served.
 TEST_F(LocalHTTPServerTest, FloodsOfIdlePeersGiveWayToRealRequests) {
   maxConnections_ = 8;
   startServer(echo);
@@ -299,7 +301,8 @@ TEST_F(LocalHTTPServerTest, FloodsOfIdlePeersGiveWayToRealRequests) {
 
 enum class Operation { read, write, close };
 
-// A connection's socket that fails its Nth operation of one kind as a reset peer would.
+// A connection's socket that fails its Nth operation of one kind as a reset
+// peer would.
 class FaultyStream : public transport::SocketStream {
  public:
   struct Plan {
@@ -349,8 +352,8 @@ class FaultyStream : public transport::SocketStream {
   int count_ = 0;
 };
 
-// Whichever read, write or close fails, the connection ends without a hang or a leak, and a
-// stream that had not ended is cancelled at its source.
+// Whichever read, write or close fails, the connection ends without a hang or a
+// leak, and a stream that had not ended is cancelled at its source.
 TEST_F(LocalHTTPServerTest, EveryFailingOperationEndsTheConnectionCleanly) {
   FaultyStream::Plan plan;
   openStream_ = [&plan](tcp::socket socket) -> std::unique_ptr<transport::ByteStream> {

@@ -12,29 +12,35 @@ using Array = JSONValue::Array;
 using Object = JSONValue::Object;
 using Null = JSONValue::Null;
 
-TEST(JSONValue, DecodesEachKindAndRoundTrips) {
+TEST(JSONValue, DecodesAndEncodesEachKind) {
   struct Case {
     std::string_view text;
-    JSONValue expected;
+    JSONValue value;
+    std::string_view encoded = {};  // when it differs from the text
   };
   const Case cases[] = {
       {"true", true},
       {"false", false},
       {"1", 1.0},
-      {"-0.25e2", -25.0},
-      {"18446744073709551615", 18446744073709551615.0},
+      {"-0.25e2", -25.0, "-25"},
+      {"-2.5", -2.5},
+      {"0.1", 0.1},
+      {"18446744073709551615", 18446744073709551615.0, "1.8446744073709552e+19"},
       {R"("a\/b")", "a/b"},
+      {R"("é\n\"")", "\u00E9\n\""},
       {"null", Null{}},
       {R"([1,"a",null])", Array{1.0, "a", Null{}}},
+      {"[null,{},false]", Array{Null{}, Object{}, false}},
       {"[]", Array{}},
       {"{}", Object{}},
+      {R"({"a":[],"z":1})", Object{{"z", 1.0}, {"a", Array{}}}},
       {R"({"k":{"n":[false,0]}})", Object{{"k", Object{{"n", Array{false, 0.0}}}}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     const auto value = decodeJSON<JSONValue>(c.text);
-    EXPECT_EQ(value, c.expected);
-    EXPECT_EQ(decodeJSON<JSONValue>(encodeJSON(value)), value);
+    EXPECT_EQ(value, c.value);
+    EXPECT_EQ(encodeJSON(c.value), c.encoded.empty() ? c.text : c.encoded);
   }
 }
 
@@ -46,27 +52,6 @@ TEST(JSONValue, EqualityComparesKindsAndContent) {
   EXPECT_NE(JSONValue(""), JSONValue(Null{}));
   EXPECT_NE(JSONValue(Array{1.0, 2.0}), JSONValue(Array{2.0, 1.0}));
   EXPECT_NE(JSONValue(Array{}), JSONValue(Object{}));
-}
-
-TEST(JSONValue, Encoding) {
-  struct Case {
-    JSONValue value;
-    std::string_view expected;
-  };
-  const Case cases[] = {
-      {true, "true"},
-      {1.0, "1"},
-      {-2.5, "-2.5"},
-      {0.1, "0.1"},
-      {Null{}, "null"},
-      {"a/b", R"("a\/b")"},
-      {"\u00E9\n\"", R"("é\n\"")"},
-      {Object{{"z", 1.0}, {"a", Array{}}}, R"({"a":[],"z":1})"},
-      {Array{Null{}, Object{}, false}, "[null,{},false]"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(encodeJSON(c.value), c.expected);
-  }
 }
 
 TEST(JSONValue, InvalidUTF8TextCannotBeEncoded) {

@@ -236,13 +236,6 @@ TEST(ToolCallDecoding, IsForgivingAboutEverythingButTheName) {
   }
 }
 
-TEST(ToolCallDecoding, NameReadFromToolIsWrittenAsName) {
-  const auto call = decodeJSON<OrinToolCall>(R"({"tool":"timer","arguments":{"minutes":5}})");
-  EXPECT_EQ(encodeJSON(call), R"({"id":")" + call.id.string() +
-                                  R"(","name":"timer","arguments":{"minutes":5},)"
-                                  R"("userFacingSummary":"","confidence":0})");
-}
-
 TEST(Endpoint, BaseURL) {
   struct Case {
     std::string_view host;

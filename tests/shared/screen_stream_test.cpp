@@ -44,14 +44,6 @@ TEST(ScreenFraming, KeyFrameGolden) {
   EXPECT_EQ(concat({prefix.begin(), prefix.end()}, data), expected);
 }
 
-TEST(ScreenFraming, EmptyPayloadIsJustTheHeader) {
-  for (const auto type : {OrinScreenMessageType::control, OrinScreenMessageType::videoConfig,
-                          OrinScreenMessageType::videoFrame}) {
-    EXPECT_EQ(OrinScreenFraming::frame(type, {}),
-              (ByteString{static_cast<std::uint8_t>(type), 0, 0, 0, 0}));
-  }
-}
-
 TEST(ScreenFraming, ParseHeader) {
   struct Case {
     ByteString bytes;
