@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 
 #include <boost/asio/as_tuple.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ssl/error.hpp>
 #include <boost/asio/ssl/host_name_verification.hpp>
@@ -50,7 +52,7 @@ std::string hostHeader(const OllamaEndpoint& endpoint) {
 }  // namespace
 
 SpareConnection::SpareConnection(asio::any_io_executor executor)
-    : resolver_(executor), socket_(std::move(executor)) {}
+    : executor_(executor), socket_(std::move(executor)) {}
 
 std::optional<asio::ip::tcp::socket> SpareConnection::take(const OllamaEndpoint& endpoint) {
   if (!ready_) return std::nullopt;
@@ -66,34 +68,24 @@ std::optional<asio::ip::tcp::socket> SpareConnection::take(const OllamaEndpoint&
   return std::nullopt;
 }
 
-void SpareConnection::replenish(const OllamaEndpoint& endpoint) {
+void SpareConnection::replenish(const OllamaEndpoint& endpoint,
+                                std::chrono::steady_clock::duration idleTimeout) {
   if (ready_ || opening_) return;
   opening_ = true;
   host_ = endpoint.host;
   port_ = endpoint.port;
-  const auto opened = [self = shared_from_this()](error_code ec) {
-    self->opening_ = false;
-    if (ec) {
-      error_code ignored;
-      self->socket_.close(ignored);
-      return;
+  const auto open = [self = shared_from_this(), endpoint, idleTimeout]() -> asio::awaitable<void> {
+    OllamaExchange exchange(self->executor_, nullptr, idleTimeout);
+    try {
+      auto opened = co_await exchange.open(endpoint);
+      self->socket_ = std::move(opened);
+      self->ready_ = true;
+    } catch (const std::exception&) {
+      // No spare this time.
     }
-    self->ready_ = true;
+    self->opening_ = false;
   };
-  error_code notALiteral;
-  const auto literal = asio::ip::make_address(endpoint.host, notALiteral);
-  if (!notALiteral) {
-    socket_.async_connect({literal, endpoint.port}, opened);
-    return;
-  }
-  resolver_.async_resolve(endpoint.host, std::to_string(endpoint.port),
-                          [self = shared_from_this(), opened](
-                              error_code ec, const asio::ip::tcp::resolver::results_type& found) {
-                            if (ec) return opened(ec);
-                            asio::async_connect(
-                                self->socket_, found,
-                                [opened](error_code failed, const auto&) { opened(failed); });
-                          });
+  asio::co_spawn(executor_, open, asio::detached);
 }
 
 OllamaExchange::OllamaExchange(asio::any_io_executor executor,
@@ -202,7 +194,12 @@ asio::awaitable<error_code> OllamaExchange::exchangeHead(
 }
 
 void OllamaExchange::prepareNext() {
-  if (spare_ && !tlsContext_) spare_->replenish(endpoint_);
+  if (spare_ && !tlsContext_) spare_->replenish(endpoint_, idleTimeout_);
+}
+
+asio::awaitable<asio::ip::tcp::socket> OllamaExchange::open(const OllamaEndpoint& endpoint) {
+  co_await connect(endpoint);
+  co_return tcp_.release_socket();
 }
 
 asio::awaitable<std::optional<std::string_view>> OllamaExchange::readBody() {

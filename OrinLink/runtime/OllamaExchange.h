@@ -34,13 +34,13 @@ class SpareConnection : public std::enable_shared_from_this<SpareConnection> {
 
   // The spare if it leads to `endpoint` and the daemon has not closed or written to it.
   std::optional<boost::asio::ip::tcp::socket> take(const OllamaEndpoint& endpoint);
-  // Opens the next spare unless one is ready or on its way. A failure leaves none: the next
-  // request connects by itself and reports what went wrong.
-  void replenish(const OllamaEndpoint& endpoint);
+  // Opens the next spare unless one is ready or on its way, each step bounded by `idleTimeout`.
+  // A failure leaves none: the next request connects by itself and reports what went wrong.
+  void replenish(const OllamaEndpoint& endpoint, std::chrono::steady_clock::duration idleTimeout);
   bool ready() const { return ready_; }
 
  private:
-  boost::asio::ip::tcp::resolver resolver_;
+  boost::asio::any_io_executor executor_;
   boost::asio::ip::tcp::socket socket_;
   std::string host_;
   std::uint16_t port_ = 0;
@@ -76,6 +76,8 @@ class OllamaExchange {
 
   // Has the spare opened for the next exchange; for one that ended normally, while its loop runs.
   void prepareNext();
+  // Connects to `endpoint` over plain TCP and hands the connection over.
+  boost::asio::awaitable<boost::asio::ip::tcp::socket> open(const OllamaEndpoint& endpoint);
 
   // Makes whatever is pending fail at once. Call on the exchange's executor.
   void close();
