@@ -6,8 +6,9 @@
 #include <string_view>
 
 #include "OrinLinkShared/Assert.h"
-#include "OrinLinkShared/Text.h"
 #include "OrinLinkShared/ToolCallParser.h"
+
+#include "tests/shared/NaiveMarkupRemoval.h"
 
 namespace {
 
@@ -15,22 +16,6 @@ namespace parser = orin::OrinToolParser;
 
 // Quadratic on purpose; longer inputs skip it.
 constexpr std::size_t referenceLimit = 1 << 16;
-
-// Each removal can join its neighbours into a new tag, so every search starts from the top.
-std::string referenceRemoval(std::string_view reply) {
-  std::string text(reply);
-  while (true) {
-    const std::size_t open = text.find(parser::openingTag);
-    if (open == std::string::npos) break;
-    const std::size_t close = text.find(parser::closingTag, open + parser::openingTag.size());
-    if (close == std::string::npos) {
-      text.erase(open);
-      break;
-    }
-    text.erase(open, close + parser::closingTag.size() - open);
-  }
-  return std::string(orin::text::trimmed(text));
-}
 
 }  // namespace
 
@@ -47,7 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   ORIN_ASSERT(shown.find(parser::openingTag) == std::string::npos,
               "an opening tag reaches the user");
   if (size <= referenceLimit) {
-    ORIN_ASSERT(shown == referenceRemoval(reply), "markup removal differs from the reference");
+    ORIN_ASSERT(shown == orin::test::naiveMarkupRemoval(reply),
+                "markup removal differs from the reference");
   }
   return 0;
 }

@@ -26,10 +26,10 @@ StateSnapshot ready() {
   return s;
 }
 
-template <class Change>
-StateSnapshot readyBut(Change change) {
+template <class... Change>
+StateSnapshot readyBut(Change... changes) {
   StateSnapshot s = ready();
-  change(s);
+  (changes(s), ...);
   return s;
 }
 
@@ -40,10 +40,9 @@ TEST(SetupGuide, TheFirstProblemInOrderIsTheIssue) {
     s.installState = OllamaInstallState::notInstalled;
     s.isActiveModelInstalled = false;
   };
-  const auto ollamaStopped = [](StateSnapshot& s) {
-    s.isOllamaAvailable = false;
+  const auto ollamaStopped = [&](StateSnapshot& s) {
+    ollamaGone(s);
     s.installState = OllamaInstallState::installed;
-    s.isActiveModelInstalled = false;
   };
   const auto modelMissing = [](StateSnapshot& s) { s.isActiveModelInstalled = false; };
   const auto unpaired = [](StateSnapshot& s) { s.pairedDevices = 0; };
@@ -58,43 +57,20 @@ TEST(SetupGuide, TheFirstProblemInOrderIsTheIssue) {
   };
   const Case cases[] = {
       {"all set", ready(), std::nullopt},
-      {"stopped and no Ollama", readyBut([&](auto& s) {
-         stopped(s);
-         ollamaGone(s);
-       }),
-       Kind::serverStopped},
+      {"stopped and no Ollama", readyBut(stopped, ollamaGone), Kind::serverStopped},
       {"stopped", readyBut(stopped), Kind::serverStopped},
-      {"not installed and unpaired", readyBut([&](auto& s) {
-         ollamaGone(s);
-         unpaired(s);
-       }),
-       Kind::ollamaNotInstalled},
+      {"not installed and unpaired", readyBut(ollamaGone, unpaired), Kind::ollamaNotInstalled},
       {"installed, not running", readyBut(ollamaStopped), Kind::ollamaNotRunning},
-      {"model missing and unpaired", readyBut([&](auto& s) {
-         modelMissing(s);
-         unpaired(s);
-       }),
-       Kind::modelMissing},
+      {"model missing and unpaired", readyBut(modelMissing, unpaired), Kind::modelMissing},
       {"unpaired", readyBut(unpaired), Kind::noDevicePaired},
-      {"sharing declined while unpaired", readyBut([&](auto& s) {
-         unpaired(s);
-         declined(s);
-       }),
-       Kind::noDevicePaired},
+      {"sharing declined while unpaired", readyBut(unpaired, declined), Kind::noDevicePaired},
       {"sharing declined", readyBut(declined), Kind::screenSharingBlocked},
-      {"declined, streaming off", readyBut([&](auto& s) {
-         declined(s);
-         s.stream.isEnabled = false;
-       }),
+      {"declined, streaming off", readyBut(declined, [](auto& s) { s.stream.isEnabled = false; }),
        std::nullopt},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
     const auto issue = setupIssue(c.state);
-    ASSERT_EQ(issue.has_value(), c.kind.has_value());
-    if (issue) {
-      EXPECT_EQ(issue->kind, *c.kind);
-    }
+    EXPECT_EQ(issue ? std::optional(issue->kind) : std::nullopt, c.kind) << c.name;
   }
 }
 
@@ -111,11 +87,12 @@ TEST(SetupGuide, PresenceAndMoodFollowWhatIsHappening) {
     OrbMood mood;
   };
   const Case cases[] = {
-      {"answering while streaming", readyBut([&](auto& s) {
-         streaming(s);
-         s.activeGenerations = 1;
-         s.busyDeviceName = "Phone";
-       }),
+      {"answering while streaming",
+       readyBut(streaming,
+                [](auto& s) {
+                  s.activeGenerations = 1;
+                  s.busyDeviceName = "Phone";
+                }),
        "Answering Phone\u2026", OrbMood::thinking},
       {"answering someone unnamed", readyBut([](auto& s) { s.activeGenerations = 2; }),
        "Answering a device\u2026", OrbMood::thinking},

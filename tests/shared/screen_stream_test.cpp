@@ -10,6 +10,8 @@
 
 #include "OrinLinkShared/ScreenStream.h"
 
+#include "EverySplit.h"
+
 namespace orin {
 namespace {
 
@@ -84,8 +86,7 @@ TEST(ScreenFrameHeader, Parse) {
     const auto header = OrinScreenFrameHeader::parse(c.bytes);
     EXPECT_EQ(header, c.expected);
     if (header) {
-      const auto encoded = header->encoded();
-      EXPECT_EQ(OrinScreenFrameHeader::parse(encoded), header);
+      EXPECT_EQ(OrinScreenFrameHeader::parse(header->encoded()), header);
     }
   }
 }
@@ -195,27 +196,17 @@ TEST(ScreenFrameReader, SameFramesHoweverTheStreamIsSplit) {
   stream = concat(stream, prefix);
   stream = concat(stream, ByteString{7, 8, 9, 9, 0, 0, 0, 3, 1, 2, 3});
   stream = concat(stream, OrinScreenFraming::frame(OrinScreenMessageType::control, {}));
-  const std::span<const std::uint8_t> all(stream);
-
-  for (std::size_t split = 0; split <= stream.size(); ++split) {
-    SCOPED_TRACE(split);
+  for (const auto& pieces : test::everySplit(std::span<const std::uint8_t>(stream))) {
+    SCOPED_TRACE(testing::Message() << pieces[0].size() << " of " << pieces.size());
     OrinScreenFrameReader reader;
     Frames frames;
-    reader.append(all.first(split));
-    drain(reader, frames);
-    reader.append(all.subspan(split));
-    drain(reader, frames);
+    for (const auto piece : pieces) {
+      reader.append(piece);
+      drain(reader, frames);
+    }
     EXPECT_EQ(frames, expected);
     EXPECT_EQ(reader.bufferedBytes(), 0u);
   }
-
-  OrinScreenFrameReader reader;
-  Frames frames;
-  for (std::size_t i = 0; i < stream.size(); ++i) {
-    reader.append(all.subspan(i, 1));
-    drain(reader, frames);
-  }
-  EXPECT_EQ(frames, expected);
 }
 
 TEST(ScreenFrameReader, OversizedAnnouncementBreaksTheStream) {

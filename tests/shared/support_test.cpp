@@ -31,14 +31,10 @@ TEST(Uuid, Parse) {
       {"E621E1F8-C36C-495A-93FC-0C247A3E6E+F", false},
       {"", false},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    const auto uuid = Uuid::parse(c.text);
-    ASSERT_EQ(uuid.has_value(), c.valid);
-    if (uuid) {
-      EXPECT_EQ(uuid->string(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
-    }
-  }
+  const auto canonical = Uuid::parse(cases[0].text);
+  ASSERT_EQ(canonical.value().string(), cases[0].text);
+  for (const auto& c : cases)
+    EXPECT_EQ(Uuid::parse(c.text), c.valid ? canonical : std::nullopt) << c.text;
 }
 
 TEST(Uuid, RandomIsVersion4AndUnique) {
@@ -70,15 +66,15 @@ TEST(Date, FormatsUTCWithWholeSeconds) {
 TEST(Date, ParsesISO8601) {
   struct Case {
     std::string_view text;
-    std::optional<double> unixSeconds;
+    std::optional<Date> date;
   };
   const Case cases[] = {
-      {"2001-01-01T00:00:00Z", Date::unixEpochOffset},
-      {"2001-01-01T01:30:00+01:30", Date::unixEpochOffset},
-      {"2000-12-31T23:15:00-00:45", Date::unixEpochOffset},
-      {"2024-02-29T12:00:00Z", 1709208000},
-      {"2000-02-29T00:00:00Z", 951782400},
-      {"1970-01-01T00:00:00Z", 0},
+      {"2001-01-01T00:00:00Z", Date{0}},
+      {"2001-01-01T01:30:00+01:30", Date{0}},
+      {"2000-12-31T23:15:00-00:45", Date{0}},
+      {"2024-02-29T12:00:00Z", Date::fromUnixSeconds(1709208000)},
+      {"2000-02-29T00:00:00Z", Date::fromUnixSeconds(951782400)},
+      {"1970-01-01T00:00:00Z", Date::fromUnixSeconds(0)},
       {"2023-02-29T00:00:00Z", std::nullopt},
       {"1900-02-29T00:00:00Z", std::nullopt},
       {"2001-04-31T00:00:00Z", std::nullopt},
@@ -93,14 +89,8 @@ TEST(Date, ParsesISO8601) {
       {"2001-01-01T00:00:00+24:00", std::nullopt},
       {"", std::nullopt},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    const auto date = Date::parseISO8601(c.text);
-    ASSERT_EQ(date.has_value(), c.unixSeconds.has_value());
-    if (date) {
-      EXPECT_EQ(date->unixSeconds(), *c.unixSeconds);
-    }
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(Date::parseISO8601(c.text), c.date) << c.text;
 }
 
 std::vector<std::uint8_t> bytesOf(std::string_view text) {
@@ -133,11 +123,11 @@ TEST(Base64, StrictDecoding) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
-    const auto bytes = base64::decode(c.text);
-    ASSERT_EQ(bytes.has_value(), c.decoded.has_value());
-    if (!bytes) continue;
-    EXPECT_EQ(*bytes, bytesOf(*c.decoded));
-    EXPECT_EQ(base64::encode(*bytes), c.text);
+    EXPECT_EQ(base64::decode(c.text),
+              c.decoded ? std::optional(bytesOf(*c.decoded)) : std::nullopt);
+    if (c.decoded) {
+      EXPECT_EQ(base64::encode(bytesOf(*c.decoded)), c.text);
+    }
   }
 }
 

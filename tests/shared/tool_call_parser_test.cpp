@@ -5,14 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include "OrinLinkShared/Text.h"
 #include "OrinLinkShared/ToolCallParser.h"
+
+#include "NaiveMarkupRemoval.h"
 
 namespace orin {
 namespace {
-
-using OrinToolParser::closingTag;
-using OrinToolParser::openingTag;
 
 TEST(ToolCallParser, ExtractsFirstBlockAndStripsAllMarkup) {
   struct Case {
@@ -48,27 +46,9 @@ TEST(ToolCallParser, ExtractsFirstBlockAndStripsAllMarkup) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     const auto call = OrinToolParser::extractToolCall(c.text);
-    ASSERT_EQ(call.has_value(), c.name.has_value());
-    if (call) {
-      EXPECT_EQ(call->name, *c.name);
-    }
+    EXPECT_EQ(call ? std::optional(call->name) : std::nullopt, c.name);
     EXPECT_EQ(OrinToolParser::removingToolCallMarkup(c.text), c.shown);
   }
-}
-
-// The removal rule at its most literal: erase the first block and search the result again.
-std::string naiveRemoval(std::string text) {
-  while (true) {
-    const std::size_t open = text.find(openingTag);
-    if (open == std::string::npos) break;
-    const std::size_t close = text.find(closingTag, open + openingTag.size());
-    if (close == std::string::npos) {
-      text.erase(open);
-      break;
-    }
-    text.erase(open, close + closingTag.size() - open);
-  }
-  return std::string(text::trimmed(text));
 }
 
 TEST(ToolCallParser, RemovalMatchesNaiveRescanOnTrickyInputs) {
@@ -83,8 +63,7 @@ TEST(ToolCallParser, RemovalMatchesNaiveRescanOnTrickyInputs) {
       "<</orin_tool_call>orin_tool_call>",
   };
   for (const auto text : tricky) {
-    EXPECT_EQ(OrinToolParser::removingToolCallMarkup(text), naiveRemoval(std::string(text)))
-        << text;
+    EXPECT_EQ(OrinToolParser::removingToolCallMarkup(text), test::naiveMarkupRemoval(text)) << text;
   }
 
   // Random joins of tag fragments find seams that a hand-written list misses.
@@ -106,7 +85,7 @@ TEST(ToolCallParser, RemovalMatchesNaiveRescanOnTrickyInputs) {
     std::string text;
     for (int i = length(random); i > 0; --i)
       text += fragments[pick(random)];
-    ASSERT_EQ(OrinToolParser::removingToolCallMarkup(text), naiveRemoval(text)) << text;
+    ASSERT_EQ(OrinToolParser::removingToolCallMarkup(text), test::naiveMarkupRemoval(text)) << text;
   }
 }
 
