@@ -45,6 +45,12 @@ inline Json standInConfig() {
   })");
 }
 
+// A device's request; one that names no model when `model` is empty.
+inline std::string generateBody(const std::string& model) {
+  return encodeJSON(device::makeGenerateRequest(
+      "hi", model.empty() ? std::nullopt : std::optional(model), std::nullopt, std::nullopt));
+}
+
 // A whole AI service on loopback: the application state on its own main loop, the server on its
 // executor, the stand-in as Ollama, and devices that talk real HTTP to it.
 class AIServiceTest : public testing::Test {
@@ -141,13 +147,11 @@ class AIServiceTest : public testing::Test {
     return waitUntil([this, text](const AppState&) { return sawEvent(text); });
   }
 
-  DeviceClient device(std::optional<std::string> token = std::nullopt) const {
-    return DeviceClient({"127.0.0.1", port_, std::move(token), bound});
-  }
-
   std::string pair(const std::string& deviceId, const std::string& name = "Phone") {
     const std::string code = onMain([&] { return app_->registry().pairingCode(); });
-    return device().pair({code, deviceId, name}).value.token;
+    return DeviceClient({"127.0.0.1", port_, std::nullopt, bound})
+        .pair({code, deviceId, name})
+        .value.token;
   }
 
   testing_support::HTTPReply call(const std::string& method, const std::string& target,
@@ -156,11 +160,6 @@ class AIServiceTest : public testing::Test {
     std::vector<std::pair<std::string, std::string>> headers;
     if (token) headers.emplace_back("Authorization", "Bearer " + *token);
     return httpExchange(port_, method, target, body, headers);
-  }
-
-  static std::string generateBody(const std::string& model, std::optional<bool> think = {}) {
-    return encodeJSON(
-        device::makeGenerateRequest("<user_message>hi</user_message>", model, std::nullopt, think));
   }
 
   ~AIServiceTest() override { shutDownLoops({}, {&mainLoop_, &httpLoop_, &backgroundLoop_}); }

@@ -57,12 +57,6 @@ class AIServiceRoutesTest : public testing::Test {
     return reply.get();
   }
 
-  // No model named: the request names none.
-  static std::string generateBody(const std::string& model) {
-    return encodeJSON(device::makeGenerateRequest(
-        "hi", model.empty() ? std::nullopt : std::optional(model), std::nullopt, std::nullopt));
-  }
-
   static inline std::optional<StandInProcess> standIn_;
   asio::io_context io_;
   FakeAIServiceHost host_;

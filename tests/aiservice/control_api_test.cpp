@@ -8,27 +8,12 @@
 
 #include "tests/aiservice/AIServiceFixture.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/ScriptedHTTPServer.h"
 
 namespace orin::test {
 namespace {
 
-class ControlAPITest : public ControlAPIServiceTest {
- protected:
-  void restartWithControl(const Json& settings) {
-    onMain([&] { control_.reset(); });
-    restart(settings);
-    startControl();
-  }
-  testing_support::HTTPReply setupAction(const Json& body) const {
-    return api("POST", "/api/setup/action", body);
-  }
-};
-
-std::uint16_t unusedLoopbackPort() {
-  asio::io_context io;
-  asio::ip::tcp::acceptor acceptor(io, {asio::ip::address_v4::loopback(), 0});
-  return acceptor.local_endpoint().port();
-}
+using ControlAPITest = ControlAPIServiceTest;
 
 struct CommandResult {
   int status = -1;
@@ -47,7 +32,7 @@ CommandResult runOrinLink(const std::string& arguments,
   return {status.value_or(-1), orinlink.output()};
 }
 
-TEST_F(ControlAPITest, TheSnapshotShowsDevicesWithoutTokens) {
+TEST_F(ControlAPITest, TheSnapshotShowsDevicesWithoutTokensAndRemovingOneStopsItsToken) {
   const std::string token = pair("phone-1", "<img src=x onerror=alert(1)>");
   const auto reply = api("GET", "/api/state");
   ASSERT_EQ(reply.status, 200);
@@ -58,12 +43,9 @@ TEST_F(ControlAPITest, TheSnapshotShowsDevicesWithoutTokens) {
   EXPECT_EQ(reply.body.find("tokenHash"), std::string::npos);
   EXPECT_EQ(state["pairing"]["code"].get<std::string>().size(), 7u);
   EXPECT_TRUE(state["server"]["running"].get<bool>());
-}
 
-TEST_F(ControlAPITest, RemovingADeviceStopsItsTokenAtOnce) {
-  const std::string token = pair("phone-2");
   EXPECT_EQ(call("GET", "/status", token).status, 200);
-  const Json body = {{"id", state()["devices"][0]["id"]}};
+  const Json body = {{"id", state["devices"][0]["id"]}};
   EXPECT_EQ(api("POST", "/api/devices/remove", body).status, 200);
   EXPECT_EQ(call("GET", "/status", token).status, 0);
   EXPECT_EQ(api("POST", "/api/devices/remove", body).status, 404);
@@ -120,7 +102,8 @@ TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
   const auto modelArrived = [](const AppState& app) { return app.isActiveModelInstalled(); };
   const auto serving = [](const AppState& app) { return app.properties().isServerRunning; };
   const Json unreachable = {
-      {"ollamaBaseURL", "http://127.0.0.1:" + std::to_string(unusedLoopbackPort())}};
+      {"ollamaBaseURL",
+       "http://127.0.0.1:" + std::to_string(testing_support::ScriptedHTTPServer().port())}};
   const Case cases[] = {
       {"ollamaNotInstalled",
        unreachable,
@@ -152,7 +135,9 @@ TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
     system_.reset();
     for (const auto& file : c.files)
       system_.addFile(file);
-    restartWithControl(c.settings);
+    onMain([&] { control_.reset(); });
+    restart(c.settings);
+    startControl();
     ASSERT_TRUE(waitForEvent(c.readyEvent));
     if (c.kind == "serverStopped") {
       ASSERT_EQ(api("POST", "/api/server/stop").status, 200);
@@ -163,8 +148,8 @@ TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
     EXPECT_EQ(found.isOllamaAvailable, reachable);
     EXPECT_EQ(found.ollamaError.has_value(), !reachable);
     EXPECT_EQ(found.models.empty(), !reachable);
-    EXPECT_EQ(setupAction({{"kind", "noDevicePaired"}}).status, 409);
-    EXPECT_EQ(setupAction({{"kind", c.kind}}).status, 200);
+    EXPECT_EQ(api("POST", "/api/setup/action", {{"kind", "noDevicePaired"}}).status, 409);
+    EXPECT_EQ(api("POST", "/api/setup/action", {{"kind", c.kind}}).status, 200);
     if (c.fixed) {
       EXPECT_TRUE(waitUntil(c.fixed));
     }
@@ -178,12 +163,12 @@ TEST_F(ControlAPITest, TheSetupActionFixesTheCurrentIssue) {
 TEST_F(ControlAPITest, TheSetupActionRefusesStepsThatAreNotThere) {
   ASSERT_TRUE(waitForEvent("Ollama is ready with plain:1b."));
   const std::string code = onMain([&] { return app_->registry().pairingCode(); });
-  EXPECT_EQ(setupAction({{"kind", "nonsense"}}).status, 400);
-  const auto fixed = setupAction(Json::object());
+  EXPECT_EQ(api("POST", "/api/setup/action", {{"kind", "nonsense"}}).status, 400);
+  const auto fixed = api("POST", "/api/setup/action", Json::object());
   EXPECT_EQ(fixed.status, 200);
   EXPECT_NE(Json::parse(fixed.body)["pairing"]["code"], code);
   pair("refusal-device");
-  const auto nothing = setupAction(Json::object());
+  const auto nothing = api("POST", "/api/setup/action", Json::object());
   EXPECT_EQ(nothing.status, 409);
   EXPECT_NE(nothing.body.find("Nothing needs setting up."), std::string::npos);
 }
@@ -192,7 +177,7 @@ TEST_F(ControlAPITest, TheSetupActionRefusesStepsThatAreNotThere) {
 // this user's configuration names; without a record, at the configured one.
 TEST_F(ControlAPITest, TheCommandsReachTheRunningCopy) {
   ASSERT_TRUE(waitForEvent("Ollama is ready with plain:1b."));
-  const std::uint16_t idle = unusedLoopbackPort();
+  const std::uint16_t idle = testing_support::ScriptedHTTPServer().port();
   const auto config = directory_.path() / "cli";
   std::filesystem::create_directories(config);
   writeFileAtomically(config / "settings.json", Json{{"controlPort", idle}}.dump(), 0600);

@@ -54,29 +54,6 @@ TEST(OllamaEndpoint, ParsesHTTPBaseURLsAndRefusesTheRest) {
             fields(*OllamaEndpoint::parse(OllamaEndpoint::defaultBaseURL)));
 }
 
-TEST(OllamaError, DescribesEachCaseForPeople) {
-  struct Case {
-    OllamaError error;
-    OllamaError::Kind kind;
-    int statusCode;
-    std::string text;
-  };
-  const Case cases[] = {
-      {OllamaError::httpStatus(404), OllamaError::Kind::httpStatus, 404,
-       "Ollama returned HTTP 404"},
-      {OllamaError::pullFailed("pull model manifest: file does not exist"),
-       OllamaError::Kind::pullFailed, 0,
-       "Download failed: pull model manifest: file does not exist"},
-      {OllamaError::badResponse(), OllamaError::Kind::badResponse, 0,
-       "Ollama returned an unexpected response."},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.error.description(), c.text);
-    EXPECT_EQ(c.error.kind(), c.kind);
-    EXPECT_EQ(c.error.statusCode(), c.statusCode);
-  }
-}
-
 TEST(DisplayPrompt, FindsTheUsersWords) {
   const std::string a300(300, 'a');
   std::string euros;

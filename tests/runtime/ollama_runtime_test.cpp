@@ -124,14 +124,12 @@ struct Settled {
 
 template <class T>
 asio::awaitable<Settled<T>> settle(asio::awaitable<T> work) {
-  std::exception_ptr failure;
   try {
     T value = co_await std::move(work);
     co_return Settled<T>{std::move(value), {}};
   } catch (...) {
-    failure = std::current_exception();
+    co_return Settled<T>{std::nullopt, outcomeOf(std::current_exception())};
   }
-  co_return Settled<T>{std::nullopt, outcomeOf(failure)};
 }
 
 std::optional<bool> sentThink(const FakeDaemon::Request& request) {
@@ -415,39 +413,19 @@ TEST_F(OllamaRuntimeTest, StreamsDeliverAsTheyArriveAndLeavingClosesUpstream) {
       {{"a", std::nullopt, 0, 0}, {"b", std::nullopt, 0, 0}});
 }
 
+// Each wait is bounded: the name lookup, the answer, and every piece of the body.
 TEST_F(OllamaRuntimeTest, IdleTimeOutEndsAStalledExchange) {
   const auto idle = std::chrono::milliseconds(200);
+  const boost::system::error_code timedOut = boost::beast::error::timeout;
   OllamaRuntime client = runtime({idle, idle, idle});
-  const std::string line = "{\"response\":\"a\"}\n";
-  struct Case {
-    std::string name;
-    Reply reply;
-    std::function<Drained<std::string>()> exercise;
-    std::vector<std::string> pieces;
-  };
-  const auto streamed = [&client] { return drain(client.stream({"p", "m", 0.7, false})); };
-  const Case cases[] = {
-      {"list, no answer",
-       silence,
-       [&] {
-         return Drained<std::string>{{}, run(client.listModels()).outcome};
-       },
-       {}},
-      {"stream, no answer", silence, streamed, {}},
-      {"stream, body stalls", Reply{200, {line, line}, true}, streamed, {"a"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    daemon_.script({c.reply});
-    const auto drained = c.exercise();
-    EXPECT_EQ(drained.values, c.pieces);
-    EXPECT_EQ(drained.outcome.code, boost::beast::error::timeout);
-  }
+  daemon_.script({silence, silence, Reply{200, {"{\"response\":\"a\"}\n", "{}\n"}, true}});
+  EXPECT_EQ(run(client.listModels()).outcome.code, timedOut);
+  EXPECT_EQ(drain(client.stream({"p", "m", 0.7, false})).outcome.code, timedOut);
+  const auto stalled = drain(client.stream({"p", "m", 0.7, false}));
+  EXPECT_EQ(stalled.values, std::vector<std::string>{"a"});
+  EXPECT_EQ(stalled.outcome.code, timedOut);
   EXPECT_TRUE(daemon_.waitForEarlyClose(bound));
-}
 
-// Looking the daemon's name up is a wait like any other.
-TEST_F(OllamaRuntimeTest, IdleTimeOutBoundsTheNameLookup) {
   struct Release {
     Release() {
       std::lock_guard lock(unansweredMutex);
@@ -459,12 +437,11 @@ TEST_F(OllamaRuntimeTest, IdleTimeOutBoundsTheNameLookup) {
       unansweredReleased.notify_all();
     }
   } release;
-  const auto idle = std::chrono::milliseconds(200);
-  OllamaRuntime client(*OllamaEndpoint::parse("http://" + std::string(unansweredHost) + ":11434"),
-                       loop_.executor(), {idle, idle, idle});
-  EXPECT_EQ(run(client.listModels()).outcome.code, boost::beast::error::timeout);
-  EXPECT_EQ(drain(client.stream({"p", "m", 0.7, false})).outcome.code,
-            boost::beast::error::timeout);
+  OllamaRuntime unanswered(
+      *OllamaEndpoint::parse("http://" + std::string(unansweredHost) + ":11434"), loop_.executor(),
+      {idle, idle, idle});
+  EXPECT_EQ(run(unanswered.listModels()).outcome.code, timedOut);
+  EXPECT_EQ(drain(unanswered.stream({"p", "m", 0.7, false})).outcome.code, timedOut);
 }
 
 // The time-out is for each wait, not the whole body: a steady stream outlasts it many times.
@@ -472,13 +449,11 @@ TEST_F(OllamaRuntimeTest, IdleTimeOutCountsFromTheLastBytes) {
   const auto idle = std::chrono::milliseconds(400);
   const auto gap = std::chrono::milliseconds(150);
   OllamaRuntime client = runtime({idle, idle, idle});
-  const std::vector<std::string> lines{R"({"response":"a"})", R"({"response":"b"})",
-                                       R"({"response":"c"})", R"({"response":"d"})",
-                                       R"({"response":"e","done":true})"};
-  Reply reply{200, {}, true};
-  for (const auto& line : lines)
-    reply.pieces.push_back(line + "\n");
-  daemon_.script({reply});
+  daemon_.script(
+      {Reply{200,
+             {"{\"response\":\"a\"}\n", "{\"response\":\"b\"}\n", "{\"response\":\"c\"}\n",
+              "{\"response\":\"d\"}\n", "{\"response\":\"e\",\"done\":true}\n"},
+             true}});
   AsyncStream<std::string> stream = client.stream({"p", "m", 0.7, false});
   const auto started = std::chrono::steady_clock::now();
   for (const char* expected : {"a", "b", "c", "d", "e"}) {

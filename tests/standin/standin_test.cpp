@@ -1,19 +1,14 @@
+#include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <fstream>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
-#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/redirect_error.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -48,33 +43,25 @@ const char* const kConfig = R"({
   ]
 })";
 
-struct Reply {
-  unsigned status = 0;  // 0: no answer
-  std::string contentType;
-  bool chunked = false;
-  std::string body;
-  boost::system::error_code error;  // why reading stopped early, if it did
-
-  Json object() const { return Json::parse(body); }
+// An answer whose body holds one JSON value, or one a line.
+struct Reply : http::response<http::string_body> {
+  Json object() const { return Json::parse(body()); }
 
   std::vector<Json> lines() const {
     std::vector<Json> result;
-    for (std::size_t start = 0, end; (end = body.find('\n', start)) != std::string::npos;
+    for (std::size_t start = 0, end; (end = body().find('\n', start)) != std::string::npos;
          start = end + 1) {
-      if (end > start) result.push_back(Json::parse(body.substr(start, end - start)));
+      if (end > start) result.push_back(Json::parse(body().substr(start, end - start)));
     }
     return result;
   }
 };
 
-// One keep-alive connection; every operation is bounded so a faulty server fails, not hangs.
+// One keep-alive connection; every read is bounded so a faulty server fails, not hangs.
 class Connection {
  public:
-  explicit Connection(std::uint16_t port) : port_(port), socket_(io_) {
-    run([this]() -> asio::awaitable<void> {
-      co_await socket_.async_connect({asio::ip::address_v4::loopback(), port_},
-                                     asio::use_awaitable);
-    });
+  explicit Connection(std::uint16_t port) : port_(port), stream_(io_) {
+    stream_.connect(tcp::endpoint{asio::ip::address_v4::loopback(), port});
   }
 
   void send(http::verb verb, const std::string& target, const Json& body = nullptr) {
@@ -85,32 +72,26 @@ class Connection {
     request.prepare_payload();
     parser_.emplace();
     parser_->body_limit(boost::none);
-    run([&]() -> asio::awaitable<void> {
-      co_await http::async_write(socket_, request, asio::use_awaitable);
-    });
+    http::write(stream_, request);
   }
 
   // Reads the answer until `wanted` lines have arrived, or to its end when 0.
   Reply read(std::size_t wanted = 0) {
-    Reply reply;
-    const auto lines = [&] { return std::ranges::count(parser_->get().body(), '\n'); };
-    run([&]() -> asio::awaitable<void> {
-      auto token = asio::redirect_error(asio::use_awaitable, reply.error);
-      if (!parser_->is_header_done())
-        co_await http::async_read_header(socket_, buffer_, *parser_, token);
-      while (!reply.error && !parser_->is_done() &&
-             (wanted == 0 || lines() < static_cast<std::ptrdiff_t>(wanted))) {
-        co_await http::async_read_some(socket_, buffer_, *parser_, token);
-      }
-    });
-    if (parser_->is_header_done()) {
-      const auto& message = parser_->get();
-      reply.status = message.result_int();
-      reply.contentType = std::string(message[http::field::content_type]);
-      reply.chunked = message.chunked();
-      reply.body = message.body();
+    const auto enough = [&] {
+      return wanted > 0 &&
+             std::ranges::count(parser_->get().body(), '\n') >= static_cast<std::ptrdiff_t>(wanted);
+    };
+    boost::system::error_code ec;
+    const auto done = [&ec](boost::system::error_code e, std::size_t) { ec = e; };
+    while (!ec && !parser_->is_done() && !enough()) {
+      stream_.expires_after(kBound);
+      http::async_read_some(stream_, buffer_, *parser_, done);
+      io_.restart();
+      io_.run();
     }
-    return reply;
+    if (ec == boost::beast::error::timeout) ADD_FAILURE() << "no answer within the bound";
+    EXPECT_TRUE(parser_->is_header_done()) << "no answer";
+    return {parser_->get()};
   }
 
   Reply exchange(http::verb verb, const std::string& target, const Json& body = nullptr) {
@@ -118,31 +99,12 @@ class Connection {
     return read();
   }
 
-  void close() { socket_.close(); }
+  void close() { stream_.close(); }
 
  private:
-  template <class Operation>
-  void run(Operation operation) {
-    bool finished = false;
-    std::exception_ptr failure;
-    asio::co_spawn(io_, operation(), [&](std::exception_ptr error) {
-      finished = true;
-      failure = error;
-    });
-    io_.restart();
-    io_.run_for(kBound);
-    if (!finished) {
-      ADD_FAILURE() << "no answer within the bound";
-      socket_.close();
-      io_.restart();
-      io_.run();
-    }
-    if (failure) std::rethrow_exception(failure);
-  }
-
   std::uint16_t port_;
   asio::io_context io_;
-  tcp::socket socket_;
+  boost::beast::tcp_stream stream_;
   boost::beast::flat_buffer buffer_;
   std::optional<http::response_parser<http::string_body>> parser_;
 };
@@ -168,46 +130,22 @@ std::string describe(const Json& line) {
 
 class StandInTest : public testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    configPath_ = testing::TempDir() + "standin-" + std::to_string(getpid()) + ".json";
-    std::ofstream(configPath_) << kConfig;
-  }
-  static void TearDownTestSuite() { std::remove(configPath_.c_str()); }
-
   Reply call(http::verb verb, const std::string& target, const Json& body = nullptr) {
     return Connection(standIn_.port()).exchange(verb, target, body);
   }
 
-  Json stats() { return call(http::verb::get, "/standin/stats").object(); }
-
-  // Waits for the stand-in's counters to reach `until`, the event the test is about.
-  Json waitFor(const Json& until) {
-    Reply reply =
-        call(http::verb::post, "/standin/wait", {{"until", until}, {"timeout_ms", 20000}});
-    EXPECT_EQ(reply.status, 200u) << "stats never reached " << until.dump() << ": " << reply.body;
-    return reply.object();
-  }
-
-  std::vector<std::string> modelNames() {
-    std::vector<std::string> names;
-    const Json tags = call(http::verb::get, "/api/tags").object();
-    for (const Json& model : tags["models"])
-      names.push_back(model["name"]);
-    return names;
-  }
-
-  static inline std::string configPath_;
-  orin::testing_support::StandInProcess standIn_{{"--config", configPath_}};
+  orin::testing_support::StandInProcess standIn_ =
+      orin::testing_support::StandInProcess::withConfig(nlohmann::json::parse(kConfig));
 };
 
 TEST_F(StandInTest, TagsListInstalledModelsWithTheDaemonsKeys) {
   Reply reply = call(http::verb::get, "/api/tags");
-  ASSERT_EQ(reply.status, 200u);
-  EXPECT_EQ(reply.contentType, "application/json; charset=utf-8");
-  const Json models = reply.object().at("models");
-  EXPECT_EQ(modelNames(), (std::vector<std::string>{"plain:latest", "thinker:8b", "refuser:1b",
-                                                    "slow:1b", "broken:1b"}));
-  for (const Json& model : models) {
+  ASSERT_EQ(reply.result_int(), 200u);
+  EXPECT_EQ(reply[http::field::content_type], "application/json; charset=utf-8");
+  std::vector<std::string> names;
+  const Json tags = reply.object();
+  for (const Json& model : tags.at("models")) {
+    names.push_back(model["name"]);
     for (const char* key : {"name", "model", "modified_at", "size", "digest", "details"}) {
       EXPECT_TRUE(model.contains(key)) << key;
     }
@@ -218,6 +156,8 @@ TEST_F(StandInTest, TagsListInstalledModelsWithTheDaemonsKeys) {
       EXPECT_TRUE(model["details"].contains(key)) << key;
     }
   }
+  EXPECT_EQ(names, (std::vector<std::string>{"plain:latest", "thinker:8b", "refuser:1b", "slow:1b",
+                                             "broken:1b"}));
 }
 
 TEST_F(StandInTest, GenerateRefusesLikeTheDaemon) {
@@ -244,10 +184,10 @@ TEST_F(StandInTest, GenerateRefusesLikeTheDaemon) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     Reply reply = call(http::verb::post, "/api/generate", c.body);
-    EXPECT_EQ(reply.status, c.status);
+    EXPECT_EQ(reply.result_int(), c.status);
     EXPECT_EQ(reply.object(), Json({{"error", c.error}}));
   }
-  EXPECT_EQ(stats()["generations_started"], 0);
+  EXPECT_EQ(standIn_.stats()["generations_started"], 0);
 }
 
 TEST_F(StandInTest, GenerateAnswersWholeOrStreamedOnOneConnection) {
@@ -273,10 +213,10 @@ TEST_F(StandInTest, GenerateAnswersWholeOrStreamedOnOneConnection) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     Reply reply = connection.exchange(http::verb::post, "/api/generate", c.body);
-    ASSERT_EQ(reply.status, 200u) << reply.body;
+    ASSERT_EQ(reply.result_int(), 200u) << reply.body();
     const bool streamed = c.body["stream"] && c.doneReason != "load";
-    EXPECT_EQ(reply.chunked, streamed);
-    EXPECT_EQ(reply.contentType,
+    EXPECT_EQ(reply.chunked(), streamed);
+    EXPECT_EQ(reply[http::field::content_type],
               streamed ? "application/x-ndjson" : "application/json; charset=utf-8");
     std::vector<Json> lines = streamed ? reply.lines() : std::vector<Json>{reply.object()};
     ASSERT_FALSE(lines.empty());
@@ -304,28 +244,25 @@ TEST_F(StandInTest, GenerateAnswersWholeOrStreamedOnOneConnection) {
       EXPECT_TRUE(last["context"].is_array());
     }
   }
-  EXPECT_EQ(waitFor({{"generations_completed", 5}})["generations_started"], 5);
+  ASSERT_TRUE(standIn_.waitFor({{"generations_completed", 5}}));
+  EXPECT_EQ(standIn_.stats()["generations_started"], 5);
 }
 
 TEST_F(StandInTest, ClientDisconnectStopsTheGeneration) {
   // 10,000 tokens at 20 per second: only the disconnect can end these in time.
-  struct Case {
-    bool stream;
-    std::size_t linesBeforeLeaving;
-  };
-  const Case cases[] = {{true, 2}, {false, 0}};
   int cancelled = 0;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.stream ? "streamed" : "whole");
+  for (const bool stream : {true, false}) {
+    SCOPED_TRACE(stream ? "streamed" : "whole");
     Connection connection(standIn_.port());
-    connection.send(http::verb::post, "/api/generate", generateBody("slow:1b", c.stream));
-    waitFor({{"active_generations", 1}});
-    if (c.linesBeforeLeaving > 0) {
-      EXPECT_GE(connection.read(c.linesBeforeLeaving).lines().size(), c.linesBeforeLeaving);
+    connection.send(http::verb::post, "/api/generate", generateBody("slow:1b", stream));
+    ASSERT_TRUE(standIn_.waitFor({{"active_generations", 1}}));
+    if (stream) {
+      EXPECT_GE(connection.read(2).lines().size(), 2u);
     }
     connection.close();
-    Json counters = waitFor({{"generations_cancelled", ++cancelled}, {"active_generations", 0}});
-    EXPECT_EQ(counters["generations_completed"], 0);
+    ASSERT_TRUE(
+        standIn_.waitFor({{"generations_cancelled", ++cancelled}, {"active_generations", 0}}));
+    EXPECT_EQ(standIn_.stats()["generations_completed"], 0);
   }
 }
 
@@ -365,7 +302,7 @@ TEST_F(StandInTest, PullStreamsProgressLikeTheDaemon) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     Reply reply = call(http::verb::post, "/api/pull", c.body);
-    EXPECT_EQ(reply.status, c.status);
+    EXPECT_EQ(reply.result_int(), c.status);
     const bool streamed = c.body.value("stream", true);
     std::vector<std::string> lines;
     for (const Json& line : streamed ? reply.lines() : std::vector<Json>{reply.object()}) {
@@ -373,9 +310,10 @@ TEST_F(StandInTest, PullStreamsProgressLikeTheDaemon) {
     }
     EXPECT_EQ(lines, c.lines);
   }
-  EXPECT_EQ(modelNames().back(), "fresh:1b");
-  EXPECT_EQ(call(http::verb::post, "/api/generate", generateBody("fresh:1b", false)).status, 200u);
-  EXPECT_EQ(stats()["pull_requests"], 5);
+  EXPECT_EQ(call(http::verb::get, "/api/tags").object()["models"].back()["name"], "fresh:1b");
+  EXPECT_EQ(call(http::verb::post, "/api/generate", generateBody("fresh:1b", false)).result_int(),
+            200u);
+  EXPECT_EQ(standIn_.stats()["pull_requests"], 5);
 }
 
 TEST_F(StandInTest, InterruptedPullResumesWhereTheLayerGotTo) {
@@ -387,7 +325,7 @@ TEST_F(StandInTest, InterruptedPullResumesWhereTheLayerGotTo) {
   const int reached = before[3]["completed"];
   EXPECT_GT(reached, 0);
   first.close();
-  waitFor({{"active_pulls", 0}, {"pull_requests", 1}});
+  ASSERT_TRUE(standIn_.waitFor({{"active_pulls", 0}, {"pull_requests", 1}}));
 
   Reply again = call(http::verb::post, "/api/pull", body);
   const std::vector<Json> after = again.lines();
