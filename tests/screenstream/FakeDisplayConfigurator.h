@@ -59,11 +59,7 @@ class FakeDisplayConfigurator : public DisplayConfigurator {
     }
     f.state.screen.crtcs[0] = {0x40, mode1080, 0, 0, rotate0, {0x4e}};
     f.state.outputs[0].crtc = 0x40;
-    f.state.screen.width = 1920;
-    f.state.screen.height = 1080;
-    f.state.screen.widthMM = 508;
-    f.state.screen.heightMM = 286;
-    f.state.screen.primary = 0x4e;
+    f.state.screen = {1920, 1080, 508, 286, f.state.screen.crtcs, 0x4e};
     f.server_->limits = {64, 64, 32767, 32767};
     return f;
   }

@@ -230,13 +230,6 @@ class CaptureEngineTest : public ::testing::Test {
   CaptureState state;
 };
 
-TEST_F(CaptureEngineTest, ListsAndNamesTheBackendsDisplays) {
-  auto engine = makeEngine();
-  EXPECT_EQ(engine.availableDisplays(),
-            (std::vector<CapturableDisplay>{{1, "Built-in (3440\u00D71440)", 3440, 1440},
-                                            {9, "Display 9 (800\u00D7600)", 800, 600}}));
-}
-
 TEST_F(CaptureEngineTest, GrabsNoFasterThanTheFrameRate) {
   auto engine = makeEngine();
   auto begin = Clock::now();

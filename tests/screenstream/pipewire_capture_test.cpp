@@ -64,27 +64,27 @@ class PipeWireCaptureTest : public ::testing::Test {
     ASSERT_TRUE(PipeWireEnvironment::daemon()) << PipeWireEnvironment::startFailure();
   }
 
-  std::unique_ptr<PipeWireProducer> produce(PipeWireProducer::Options options = {}) {
-    auto producer = PipeWireProducer::start(*PipeWireEnvironment::daemon(), options);
-    EXPECT_TRUE(producer) << "the test source did not start";
-    return producer;
+  void produce(PipeWireProducer::Options options = {}) {
+    producer = PipeWireProducer::start(*PipeWireEnvironment::daemon(), options);
+    ASSERT_TRUE(producer) << "the test source did not start";
   }
 
-  static PipeWireTarget targetOf(const PipeWireProducer& producer) {
+  PipeWireTarget sourceTarget() const {
     PipeWireTarget target;
-    target.nodeId = producer.nodeId();
+    target.nodeId = producer->nodeId();
     target.framesPerSecond = 30;
     return target;
   }
+
+  std::unique_ptr<PipeWireProducer> producer;
 };
 
 TEST_F(PipeWireCaptureTest, FramesArriveAtTheSourcesSizeWithItsPixels) {
-  auto producer = produce({320, 240});
-  ASSERT_TRUE(producer);
+  ASSERT_NO_FATAL_FAILURE(produce({320, 240}));
   // Through a connection of its own, as the portal hands one out.
-  auto target = targetOf(*producer);
-  target.remoteFd = PipeWireEnvironment::daemon()->connect();
-  std::shared_ptr<PipeWireCapture> capture = PipeWireCapture::open(target, 10s);
+  auto own = sourceTarget();
+  own.remoteFd = PipeWireEnvironment::daemon()->connect();
+  std::shared_ptr<PipeWireCapture> capture = PipeWireCapture::open(own, 10s);
   EXPECT_EQ(capture->width(), 320u);
   EXPECT_EQ(capture->height(), 240u);
 
@@ -108,9 +108,8 @@ TEST_F(PipeWireCaptureTest, FramesArriveAtTheSourcesSizeWithItsPixels) {
 }
 
 TEST_F(PipeWireCaptureTest, AStillSourceGivesItsLastPictureAgainWithFreshStamps) {
-  auto producer = produce();
-  ASSERT_TRUE(producer);
-  auto capture = PipeWireCapture::open(targetOf(*producer), 10s);
+  ASSERT_NO_FATAL_FAILURE(produce());
+  auto capture = PipeWireCapture::open(sourceTarget(), 10s);
   producer->setPaused(true);
   std::this_thread::sleep_for(200ms);
 
@@ -125,9 +124,8 @@ TEST_F(PipeWireCaptureTest, AStillSourceGivesItsLastPictureAgainWithFreshStamps)
 }
 
 TEST_F(PipeWireCaptureTest, AHeldFrameKeepsItsPixelsWhileTheSourceGoesOn) {
-  auto producer = produce();
-  ASSERT_TRUE(producer);
-  auto capture = PipeWireCapture::open(targetOf(*producer), 10s);
+  ASSERT_NO_FATAL_FAILURE(produce());
+  auto capture = PipeWireCapture::open(sourceTarget(), 10s);
   auto held = capture->latest();
   ASSERT_TRUE(held);
   const auto shown = pictureShown(*held);
@@ -149,9 +147,8 @@ TEST_F(PipeWireCaptureTest, AHeldFrameKeepsItsPixelsWhileTheSourceGoesOn) {
 }
 
 TEST_F(PipeWireCaptureTest, TheSourceGoingAwayEndsTheSharing) {
-  auto producer = produce();
-  ASSERT_TRUE(producer);
-  auto capture = PipeWireCapture::open(targetOf(*producer), 10s);
+  ASSERT_NO_FATAL_FAILURE(produce());
+  auto capture = PipeWireCapture::open(sourceTarget(), 10s);
   auto held = capture->latest();
   ASSERT_TRUE(held);
   const auto shown = pictureShown(*held);
@@ -165,12 +162,11 @@ TEST_F(PipeWireCaptureTest, TheSourceGoingAwayEndsTheSharing) {
 
 // From buffers that PipeWire allocates, not the source.
 TEST_F(PipeWireCaptureTest, AFixedSizeIsWhatTheSourceIsAskedFor) {
-  auto producer = produce({640, 480, true, 30, false});
-  ASSERT_TRUE(producer);
-  auto target = targetOf(*producer);
-  target.width = 320;
-  target.height = 200;
-  auto capture = PipeWireCapture::open(target, 10s);
+  ASSERT_NO_FATAL_FAILURE(produce({640, 480, true, 30, false}));
+  auto fixed = sourceTarget();
+  fixed.width = 320;
+  fixed.height = 200;
+  auto capture = PipeWireCapture::open(fixed, 10s);
   EXPECT_EQ(producer->size(), std::pair(320u, 200u));
   EXPECT_EQ(capture->width(), 320u);
   EXPECT_EQ(capture->height(), 200u);
@@ -190,12 +186,10 @@ TEST_F(PipeWireCaptureTest, OpeningWithoutItsNodeFailsSoon) {
 }
 
 TEST_F(PipeWireCaptureTest, ASourceThatSendsNothingTimesOut) {
-  auto producer = produce();
-  ASSERT_TRUE(producer);
+  ASSERT_NO_FATAL_FAILURE(produce());
   producer->setPaused(true);
   const auto started = std::chrono::steady_clock::now();
-  EXPECT_EQ(kindThrownBy([&] { PipeWireCapture::open(targetOf(*producer), 1s); }),
-            Kind::sharingSilent);
+  EXPECT_EQ(kindThrownBy([&] { PipeWireCapture::open(sourceTarget(), 1s); }), Kind::sharingSilent);
   EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
 }
 

@@ -181,6 +181,14 @@ class ScreenStreamServerTest : public testing::Test, public fake::Watched {
     EXPECT_EQ(nextControl(client), message(Kind::pong));
   }
 
+  // Said hello without a token and was asked to pair.
+  std::unique_ptr<ScreenStreamClient> waitingClient() {
+    auto client = connect();
+    client->send(hello(3, std::nullopt));
+    EXPECT_EQ(nextControl(*client), message(Kind::pairingRequired));
+    return client;
+  }
+
   // Streaming and told its shape; nothing else is pending for it.
   std::unique_ptr<ScreenStreamClient> streamingClient(std::string name, std::string token,
                                                       std::optional<int> receiveBuffer = {}) {
@@ -310,7 +318,6 @@ TEST_F(ScreenStreamServerTest, DeviceClientHandshakePairsWhenAskedAndCodeIsAtHan
   };
   using FailureKind = device::DeviceError::Kind;
   const Case cases[] = {
-      {"token", "known", std::nullopt, std::nullopt, std::nullopt, ""},
       {"stale token and code", "stale", "123456", "known-paired", std::nullopt, ""},
       {"no credentials", std::nullopt, std::nullopt, std::nullopt, FailureKind::unauthorized,
        "Orin Link asks this device to pair: run again with --code and the code it shows."},
@@ -369,9 +376,7 @@ TEST_F(ScreenStreamServerTest, ReadsMessagesInAnyPiecesAndSkipsWhatItDoesNotKnow
 
 TEST_F(ScreenStreamServerTest, DropsClientsThatNeverSayHello) {
   startServer(50ms);
-  auto greeted = connect();
-  greeted->send(hello(3, std::nullopt));
-  EXPECT_EQ(nextControl(*greeted), message(Kind::pairingRequired));
+  auto greeted = waitingClient();
   auto silent = connect();
   EXPECT_TRUE(silent->waitUntilClosed(patience));
   // Its own time-out began earlier and has passed too.
@@ -392,9 +397,7 @@ TEST_F(ScreenStreamServerTest, FloodsOfSilentClientsGiveWayToHandshakes) {
 
 TEST_F(ScreenStreamServerTest, ShapeAndPortalRequestsCountOnlyFromStreamingClients) {
   startServer();
-  auto waiting = connect();
-  waiting->send(hello(3, std::nullopt));
-  EXPECT_EQ(nextControl(*waiting), message(Kind::pairingRequired));
+  auto waiting = waitingClient();
   waiting->send(withShape(Kind::setShape, 1));
   waiting->send(withPortal(Kind::portal, true));
   expectResponsive(*waiting);
@@ -425,9 +428,7 @@ TEST_F(ScreenStreamServerTest, ShapeAndPortalRequestsCountOnlyFromStreamingClien
 TEST_F(ScreenStreamServerTest, FramesReachStreamingClientsWithTheLatestConfigurationFirst) {
   startServer();
   auto early = streamingClient("Early", "known-1");
-  auto waiting = connect();
-  waiting->send(hello(3, std::nullopt));
-  EXPECT_EQ(nextControl(*waiting), message(Kind::pairingRequired));
+  auto waiting = waitingClient();
 
   server_->broadcast(videoFrame(1, false, 64, config(1920)));  // before any key frame: dropped
   server_->broadcast(videoFrame(2, true));
@@ -525,9 +526,7 @@ TEST_F(ScreenStreamServerTest, AdvertisesWhileRunningAndStopEndsEverything) {
 
   auto streaming = streamingClient("Headset", "known");
   server_->broadcast(videoFrame(1, true, 64, config(1920)));
-  auto waiting = connect();
-  waiting->send(hello(3, std::nullopt));
-  EXPECT_EQ(nextControl(*waiting), message(Kind::pairingRequired));
+  auto waiting = waitingClient();
   auto refused = connect();
   refused->send(hello(2, std::nullopt));
   auto silent = connect();

