@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <set>
 #include <string>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
@@ -18,14 +19,7 @@
 
 namespace {
 
-struct Options {
-  bool logind = false;
-  bool portal = false;
-  bool notifications = false;
-  std::string refuseInhibit;
-};
-
-Options options;
+std::string refuseInhibit;
 sd_event* loop = nullptr;
 int inhibitors = 0;
 int portalRequests = 0;
@@ -52,8 +46,8 @@ int inhibit(sd_bus_message* m, void*, sd_bus_error* error) {
   int r = sd_bus_message_read(m, "ssss", &what, &who, &why, &mode);
   if (r < 0) return r;
   report(std::string("inhibit what=") + what + " who=" + who + " why=" + why + " mode=" + mode);
-  if (!options.refuseInhibit.empty()) {
-    return sd_bus_error_set(error, options.refuseInhibit.c_str(), "Refused by the stand-in");
+  if (!refuseInhibit.empty()) {
+    return sd_bus_error_set(error, refuseInhibit.c_str(), "Refused by the stand-in");
   }
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) return -errno;
@@ -139,16 +133,13 @@ int fail(const char* what, int r) {
 
 int main(int argc, char** argv) {
   if (argc < 2) return fail("usage: bus_standin ADDRESS [options]", -EINVAL);
+  std::set<std::string> services;
   for (int i = 2; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "--logind") {
-      options.logind = true;
-    } else if (arg == "--portal") {
-      options.portal = true;
-    } else if (arg == "--notifications") {
-      options.notifications = true;
-    } else if (arg == "--refuse-inhibit" && i + 1 < argc) {
-      options.refuseInhibit = argv[++i];
+    if (arg == "--refuse-inhibit" && i + 1 < argc) {
+      refuseInhibit = argv[++i];
+    } else if (arg == "--logind" || arg == "--portal" || arg == "--notifications") {
+      services.insert(arg);
     } else {
       return fail(argv[i], -EINVAL);
     }
@@ -159,17 +150,17 @@ int main(int argc, char** argv) {
   r = sd_bus_attach_event(bus.get(), loop, 0);
   if (r < 0) return fail("attach", r);
   using orin::test::serve;
-  if (options.logind) {
+  if (services.contains("--logind")) {
     serve(bus.get(), "org.freedesktop.login1", "/org/freedesktop/login1",
           "org.freedesktop.login1.Manager", logindVTable);
   }
-  if (options.portal) {
+  if (services.contains("--portal")) {
     serve(bus.get(), "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
           "org.freedesktop.portal.Inhibit", portalVTable);
     serve(bus.get(), nullptr, "/org/freedesktop/portal/desktop/request",
           "org.freedesktop.portal.Request", requestVTable, nullptr, true);
   }
-  if (options.notifications) {
+  if (services.contains("--notifications")) {
     serve(bus.get(), "org.freedesktop.Notifications", "/org/freedesktop/Notifications",
           "org.freedesktop.Notifications", notificationsVTable);
   }
