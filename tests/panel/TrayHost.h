@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/BusPeer.h"
 #include "tests/support/ChildProcess.h"
 
 namespace orin::test {
@@ -20,24 +21,13 @@ using Clock = std::chrono::steady_clock;
 
 inline constexpr auto trayBound = std::chrono::seconds(10);
 
-struct BusDeleter {
-  void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct MessageDeleter {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
+using sdbus::Message;
 
 // The tray host's side: a client of the private bus that can also play the watcher.
 class Host {
  public:
-  explicit Host(const std::string& address) {
-    sd_bus* bus = nullptr;
-    EXPECT_GE(sd_bus_new(&bus), 0);
-    sd_bus_set_address(bus, address.c_str());
-    sd_bus_set_bus_client(bus, 1);
-    EXPECT_GE(sd_bus_start(bus), 0);
-    bus_.reset(bus);
+  explicit Host(const std::string& address) : bus_(connectToBus(address)) {
+    sd_bus* bus = bus_.get();
     sd_bus_add_match(bus, nullptr,
                      "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged'",
                      &Host::nameOwnerChanged, this);
@@ -55,38 +45,26 @@ class Host {
 
   // Handles what arrives until the condition holds; false at the deadline.
   bool waitUntil(const std::function<bool()>& condition) {
-    const auto deadline = Clock::now() + trayBound;
-    for (;;) {
-      while (sd_bus_process(bus_.get(), nullptr) > 0) {
-      }
-      if (condition()) return true;
-      const auto left = deadline - Clock::now();
-      if (left <= Clock::duration::zero()) return false;
-      sd_bus_wait(bus_.get(),
-                  static_cast<std::uint64_t>(
-                      std::chrono::duration_cast<std::chrono::microseconds>(left).count()));
-    }
+    return sdbus::processUntil(bus_.get(), Clock::now() + trayBound, condition) > 0;
   }
 
   Message call(const std::string& member, const char* types, auto... arguments) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sdbus::BusError error;
     sd_bus_message* reply = nullptr;
-    const int status =
-        sd_bus_call_method(bus_.get(), itemName.c_str(), "/MenuBar", "com.canonical.dbusmenu",
-                           member.c_str(), &error, &reply, types, arguments...);
-    EXPECT_GE(status, 0) << member << ": " << (error.message ? error.message : "");
-    sd_bus_error_free(&error);
+    EXPECT_GE(sd_bus_call_method(bus_.get(), itemName.c_str(), "/MenuBar", "com.canonical.dbusmenu",
+                                 member.c_str(), error.get(), &reply, types, arguments...),
+              0)
+        << member << ": " << error.name();
     return Message(reply);
   }
 
   Message property(const char* name, const char* type) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sdbus::BusError error;
     sd_bus_message* reply = nullptr;
-    const int status =
-        sd_bus_get_property(bus_.get(), itemName.c_str(), "/StatusNotifierItem",
-                            "org.kde.StatusNotifierItem", name, &error, &reply, type);
-    EXPECT_GE(status, 0) << name << ": " << (error.message ? error.message : "");
-    sd_bus_error_free(&error);
+    EXPECT_GE(sd_bus_get_property(bus_.get(), itemName.c_str(), "/StatusNotifierItem",
+                                  "org.kde.StatusNotifierItem", name, error.get(), &reply, type),
+              0)
+        << name << ": " << error.name();
     return Message(reply);
   }
 
@@ -115,12 +93,10 @@ class Host {
 
   std::pair<std::string, std::string> tooltip() {
     Message reply = property("ToolTip", "(sa(iiay)ss)");
-    const char* icon = nullptr;
     const char* title = nullptr;
     const char* text = nullptr;
     sd_bus_message_enter_container(reply.get(), 'r', "sa(iiay)ss");
-    sd_bus_message_read(reply.get(), "s", &icon);
-    sd_bus_message_skip(reply.get(), "a(iiay)");
+    sd_bus_message_skip(reply.get(), "sa(iiay)");
     sd_bus_message_read(reply.get(), "ss", &title, &text);
     return {title ? title : "", text ? text : ""};
   }
@@ -147,29 +123,14 @@ class Host {
       MenuItem item;
       sd_bus_message_enter_container(m, 'r', "ia{sv}av");
       sd_bus_message_read(m, "i", &item.id);
-      sd_bus_message_enter_container(m, 'a', "{sv}");
-      while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
-        const char* key = nullptr;
-        sd_bus_message_read(m, "s", &key);
-        const std::string name = key;
-        if (name == "label") {
-          const char* label = nullptr;
-          sd_bus_message_read(m, "v", "s", &label);
-          item.label = label;
-        } else if (name == "enabled") {
-          int on = 1;
-          sd_bus_message_read(m, "v", "b", &on);
-          item.enabled = on != 0;
-        } else if (name == "toggle-state") {
-          std::int32_t state = 0;
-          sd_bus_message_read(m, "v", "i", &state);
-          item.toggleState = state;
-        } else {
-          sd_bus_message_skip(m, "v");
-        }
-        sd_bus_message_exit_container(m);
+      VarDict properties;
+      readVarDict(m, properties);
+      item.label = properties.texts["label"];
+      item.enabled = properties.numbers.try_emplace("enabled", 1).first->second != 0;
+      if (const auto state = properties.numbers.find("toggle-state");
+          state != properties.numbers.end()) {
+        item.toggleState = static_cast<std::int32_t>(state->second);
       }
-      sd_bus_message_exit_container(m);
       sd_bus_message_skip(m, "av");
       sd_bus_message_exit_container(m);
       sd_bus_message_exit_container(m);
@@ -210,7 +171,7 @@ class Host {
     return sd_bus_reply_method_return(m, "");
   }
 
-  std::unique_ptr<sd_bus, BusDeleter> bus_;
+  sdbus::Bus bus_;
 };
 
 }  // namespace orin::test

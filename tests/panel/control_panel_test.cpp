@@ -4,8 +4,6 @@
 #include <netinet/in.h>
 
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 
 #include "OrinLink/core/SetupGuide.h"
 #include "OrinLink/ui/ControlPanelAssets.h"
@@ -18,52 +16,16 @@
 namespace orin::test {
 namespace {
 
-struct Reply {
-  int status = 0;
-  HTTPHeaders headers;  // names lower-cased
-  std::string body;
-
-  std::string header(const std::string& name) const {
-    const auto it = headers.find(name);
-    return it == headers.end() ? std::string() : it->second;
-  }
-};
-
-Reply rawExchange(std::uint16_t port, const std::string& request) {
-  asio::io_context io;
-  asio::ip::tcp::socket socket(io);
-  socket.connect({asio::ip::address_v4::loopback(), port});
-  asio::write(socket, asio::buffer(request));
-  std::string received;
-  boost::system::error_code ignored;
-  asio::read(socket, asio::dynamic_buffer(received), ignored);
-  Reply reply;
-  const std::size_t headEnd = received.find("\r\n\r\n");
-  if (headEnd == std::string::npos) return reply;
-  reply.body = received.substr(headEnd + 4);
-  std::size_t line = received.find("\r\n");
-  reply.status = std::stoi(received.substr(9, 3));
-  while (line < headEnd) {
-    const std::size_t next = received.find("\r\n", line + 2);
-    const std::string field = received.substr(line + 2, next - line - 2);
-    const std::size_t colon = field.find(':');
-    std::string name = field.substr(0, colon);
-    for (char& c : name)
-      c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    reply.headers[name] = field.substr(colon + 2);
-    line = next;
-  }
-  return reply;
-}
-
 class ControlPanelTest : public ControlAPIServiceTest {
  protected:
-  Reply request(const std::string& method, const std::string& target,
-                const std::vector<std::string>& fields) const {
-    std::string text = method + " " + target + " HTTP/1.1\r\n";
-    for (const auto& field : fields)
-      text += field + "\r\n";
-    return rawExchange(controlPort_, text + "Content-Length: 0\r\n\r\n");
+  testing_support::HTTPReply request(const std::string& method, const std::string& target,
+                                     const std::vector<std::string>& fields) const {
+    std::vector<std::pair<std::string, std::string>> headers;
+    for (const auto& field : fields) {
+      const std::size_t colon = field.find(':');
+      headers.emplace_back(field.substr(0, colon), field.substr(colon + 2));
+    }
+    return httpExchange(controlPort_, method, target, {}, headers, false);
   }
 };
 
@@ -135,14 +97,14 @@ TEST_F(ControlPanelTest, ThePageOpensWithoutTheSecretAndNothingElseDoes) {
        "application/json; charset=utf-8"},
   };
   for (const auto& c : cases) {
-    const Reply reply = request(c.method, c.target, c.fields);
+    const auto reply = request(c.method, c.target, c.fields);
     EXPECT_EQ(reply.status, c.status) << c.name;
     if (c.contentType.empty()) continue;
-    EXPECT_EQ(reply.header("content-type"), c.contentType) << c.name;
+    EXPECT_EQ(reply.field("content-type"), c.contentType) << c.name;
     if (c.contentType.starts_with("application/json")) continue;
-    EXPECT_EQ(reply.header("x-content-type-options"), "nosniff") << c.name;
-    EXPECT_EQ(reply.header("cache-control"), "no-store") << c.name;
-    const std::string policy = reply.header("content-security-policy");
+    EXPECT_EQ(reply.field("x-content-type-options"), "nosniff") << c.name;
+    EXPECT_EQ(reply.field("cache-control"), "no-store") << c.name;
+    const std::string policy = reply.field("content-security-policy");
     EXPECT_NE(policy.find("default-src 'none'"), std::string::npos) << c.name;
     EXPECT_NE(policy.find("script-src 'self';"), std::string::npos) << c.name;
     EXPECT_NE(policy.find("frame-ancestors 'none'"), std::string::npos) << c.name;
@@ -150,10 +112,10 @@ TEST_F(ControlPanelTest, ThePageOpensWithoutTheSecretAndNothingElseDoes) {
 }
 
 TEST_F(ControlPanelTest, TheSessionCookieOpensTheAPIToThePageAlone) {
-  const Reply session =
+  const auto session =
       request("POST", "/api/session", {"Host: " + host(), "Authorization: Bearer " + secret});
   ASSERT_EQ(session.status, 200);
-  const std::string cookie = session.header("set-cookie");
+  const std::string cookie = session.field("set-cookie");
   EXPECT_NE(cookie.find("; HttpOnly"), std::string::npos) << cookie;
   EXPECT_NE(cookie.find("; SameSite=Strict"), std::string::npos) << cookie;
   EXPECT_NE(cookie.find("; Path=/"), std::string::npos) << cookie;
@@ -178,7 +140,7 @@ TEST_F(ControlPanelTest, EveryPanelFileIsServedAsWritten) {
     const std::string target = relative == "index.html" ? "/" : "/assets/" + relative;
     std::ifstream file(entry.path(), std::ios::binary);
     const std::string written{std::istreambuf_iterator<char>(file), {}};
-    const Reply reply = request("GET", target, {"Host: " + host()});
+    const auto reply = request("GET", target, {"Host: " + host()});
     EXPECT_EQ(reply.status, 200) << target;
     EXPECT_TRUE(reply.body == written) << target << " differs from " << entry.path();
     ++served;

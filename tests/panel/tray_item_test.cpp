@@ -13,8 +13,6 @@
 namespace orin::test {
 namespace {
 
-constexpr auto bound = trayBound;
-
 class TrayItemTest : public testing::Test {
  protected:
   template <class F>
@@ -44,7 +42,8 @@ class TrayItemTest : public testing::Test {
   }
   bool waitForAction(const std::string& name) {
     std::unique_lock lock(mutex_);
-    return ranChanged_.wait_for(lock, bound, [&] { return !ran_.empty() && ran_.back() == name; });
+    return ranChanged_.wait_for(lock, trayBound,
+                                [&] { return !ran_.empty() && ran_.back() == name; });
   }
 
   void TearDown() override {
@@ -153,24 +152,14 @@ TEST_F(TrayItemTest, TheMenuFollowsTheStateAndRunsItsActions) {
   EXPECT_EQ(std::count(ran_.begin(), ran_.end(), "toggleStreaming"), 1);
 }
 
-TEST(TrayItemWithoutABus, DoesNothing) {
-  SerialExecutor loop("test.tray");
-  std::promise<std::unique_ptr<TrayItem>> made;
-  boost::asio::post(loop.executor(), [&] {
-    auto tray = TrayItem::make(loop.executor(), "unix:path=/nonexistent/orinlink-test-bus");
-    tray->update({"thinking", "Answering Phone…", true, true});
-    tray->setBadge("2");
-    made.set_value(std::move(tray));
+TEST_F(TrayItemTest, DoesNothingWithoutABus) {
+  onTray([&] {
+    tray_ = TrayItem::make(loop_.executor(), "unix:path=/nonexistent/orinlink-test-bus");
+    tray_->update({"thinking", "Answering Phone…", true, true});
+    tray_->setBadge("2");
   });
-  auto tray = made.get_future().get();
-  EXPECT_FALSE(tray->hasBus());
-  EXPECT_EQ(tray->registeredName(), "");
-  std::promise<void> gone;
-  boost::asio::post(loop.executor(), [&] {
-    tray.reset();
-    gone.set_value();
-  });
-  gone.get_future().wait();
+  EXPECT_FALSE(onTray([&] { return tray_->hasBus(); }));
+  EXPECT_EQ(onTray([&] { return tray_->registeredName(); }), "");
 }
 
 }  // namespace

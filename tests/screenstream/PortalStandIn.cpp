@@ -2,8 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <map>
-#include <stdexcept>
 #include <string_view>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -18,39 +16,6 @@ constexpr const char* desktopPath = "/org/freedesktop/portal/desktop";
 constexpr const char* requestPrefix = "/org/freedesktop/portal/desktop/request";
 constexpr const char* sessionPrefix = "/org/freedesktop/portal/desktop/session";
 
-// An a{sv} of options: strings, and numbers for u and b.
-struct Options {
-  std::map<std::string, std::string> texts;
-  std::map<std::string, std::uint32_t> numbers;
-};
-
-int readOptions(sd_bus_message* m, Options& options) {
-  int r = sd_bus_message_enter_container(m, 'a', "{sv}");
-  while (r >= 0 && (r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
-    const char* key = nullptr;
-    char type = 0;
-    const char* contents = nullptr;
-    r = sd_bus_message_read(m, "s", &key);
-    if (r >= 0) r = sd_bus_message_peek_type(m, &type, &contents);
-    if (r < 0) return r;
-    if (std::strcmp(contents, "s") == 0) {
-      const char* text = nullptr;
-      r = sd_bus_message_read(m, "v", "s", &text);
-      if (r >= 0) options.texts[key] = text;
-    } else if (std::strcmp(contents, "u") == 0) {
-      r = sd_bus_message_read(m, "v", "u", &options.numbers[key]);
-    } else if (std::strcmp(contents, "b") == 0) {
-      int flag = 0;
-      r = sd_bus_message_read(m, "v", "b", &flag);
-      options.numbers[key] = static_cast<std::uint32_t>(flag);
-    } else {
-      r = sd_bus_message_skip(m, "v");
-    }
-    if (r >= 0) r = sd_bus_message_exit_container(m);
-  }
-  return r < 0 ? r : sd_bus_message_exit_container(m);
-}
-
 std::string senderElement(sd_bus_message* m) {
   std::string element;
   for (const char* c = sd_bus_message_get_sender(m) + 1; *c != '\0'; ++c)
@@ -58,7 +23,7 @@ std::string senderElement(sd_bus_message* m) {
   return element;
 }
 
-std::string requestPath(sd_bus_message* m, const Options& options) {
+std::string requestPath(sd_bus_message* m, const VarDict& options) {
   return std::string(requestPrefix) + "/" + senderElement(m) + "/" +
          options.texts.at("handle_token");
 }
@@ -74,41 +39,179 @@ int appendStreams(sd_bus_message* m, const std::optional<PortalStandIn::Stream>&
                                stream->size->second);
 }
 
-void check(int r, const char* what) {
-  if (r < 0)
-    throw std::runtime_error(std::string("portal stand-in: ") + what + ": " + std::strerror(-r));
-}
-
 }  // namespace
 
-PortalStandIn::PortalStandIn(const std::string& address, Behaviour behaviour)
-    : behaviour_(std::move(behaviour)) {
-  check(sd_bus_new(&bus_), "sd_bus_new");
-  check(sd_bus_set_address(bus_, address.c_str()), "address");
-  sd_bus_set_bus_client(bus_, 1);
-  sd_bus_negotiate_fds(bus_, 1);
-  check(sd_bus_start(bus_), "connect");
-  if (behaviour_.screenCast) {
-    check(sd_bus_add_object_vtable(bus_, nullptr, desktopPath, "org.freedesktop.portal.ScreenCast",
-                                   screenCastVTable(), this),
-          "ScreenCast");
+struct PortalCalls {
+  static int stop(sd_event_source* source, int, std::uint32_t, void*) {
+    return sd_event_exit(sd_event_source_get_event(source), 0);
   }
-  check(sd_bus_add_fallback_vtable(bus_, nullptr, requestPrefix, "org.freedesktop.portal.Request",
-                                   closeVTable(), nullptr, this),
-        "Request");
-  check(sd_bus_add_fallback_vtable(bus_, nullptr, sessionPrefix, "org.freedesktop.portal.Session",
-                                   closeVTable(), nullptr, this),
-        "Session");
-  check(sd_bus_request_name(bus_, "org.freedesktop.portal.Desktop", 0), "name");
-  check(sd_event_new(&loop_), "sd_event_new");
-  check(sd_bus_attach_event(bus_, loop_, 0), "attach");
+
+  static int createSession(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto& self = *static_cast<PortalStandIn*>(userdata);
+    VarDict options;
+    int r = readVarDict(m, options);
+    if (r < 0) return r;
+    const std::string request = requestPath(m, options);
+    const std::string session = std::string(sessionPrefix) + "/" + senderElement(m) + "/" +
+                                options.texts.at("session_handle_token");
+    r = sd_bus_reply_method_return(m, "o", request.c_str());
+    if (r < 0) return r;
+    return self.respond(request, self.behaviour_.createResponse, {{"session_handle", session}});
+  }
+
+  static int selectSources(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto& self = *static_cast<PortalStandIn*>(userdata);
+    const char* session = nullptr;
+    int r = sd_bus_message_read(m, "o", &session);
+    VarDict options;
+    if (r >= 0) r = readVarDict(m, options);
+    if (r < 0) return r;
+    const auto number = [&](const char* key) -> std::optional<std::uint32_t> {
+      const auto found = options.numbers.find(key);
+      return found != options.numbers.end()
+                 ? std::optional(static_cast<std::uint32_t>(found->second))
+                 : std::nullopt;
+    };
+    const auto token = options.texts.find("restore_token");
+    {
+      const std::lock_guard lock(self.mutex_);
+      ++self.seen_.selects;
+      self.seen_.types = number("types").value_or(0);
+      self.seen_.cursorMode = number("cursor_mode");
+      self.seen_.persistMode = number("persist_mode");
+      const auto multiple = number("multiple");
+      self.seen_.multiple = multiple ? std::optional(*multiple != 0) : std::nullopt;
+      self.seen_.restoreToken =
+          token != options.texts.end() ? std::optional(token->second) : std::nullopt;
+    }
+    std::uint32_t code = self.behaviour_.selectResponse;
+    if (self.behaviour_.requireLastToken && !self.lastToken_.empty() &&
+        (token == options.texts.end() || token->second != self.lastToken_)) {
+      code = 2;
+    }
+    const std::string request = requestPath(m, options);
+    r = sd_bus_reply_method_return(m, "o", request.c_str());
+    return r < 0 ? r : self.respond(request, code, {});
+  }
+
+  static int start(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto& self = *static_cast<PortalStandIn*>(userdata);
+    const char* session = nullptr;
+    const char* parent = nullptr;
+    int r = sd_bus_message_read(m, "os", &session, &parent);
+    VarDict options;
+    if (r >= 0) r = readVarDict(m, options);
+    if (r < 0) return r;
+    const std::string request = requestPath(m, options);
+    r = sd_bus_reply_method_return(m, "o", request.c_str());
+    if (r < 0) return r;
+    switch (self.behaviour_.start) {
+      case PortalStandIn::Behaviour::Start::ignore:
+        return 0;
+      case PortalStandIn::Behaviour::Start::vanish:
+        return sd_event_exit(self.loop_, 0);
+      case PortalStandIn::Behaviour::Start::answer:
+        break;
+    }
+    std::vector<std::pair<std::string, std::string>> texts;
+    if (self.behaviour_.handOutTokens && self.behaviour_.startResponse == 0) {
+      self.lastToken_ = "token-" + std::to_string(++self.tokens_);
+      texts.emplace_back("restore_token", self.lastToken_);
+    }
+    return self.respond(request, self.behaviour_.startResponse, texts, true);
+  }
+
+  static int openPipeWireRemote(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto& self = *static_cast<PortalStandIn*>(userdata);
+    int ends[2] = {-1, -1};
+    if (self.behaviour_.pipeWireSocket.empty()) {
+      if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return -errno;
+      // What the client reads proves it holds this connection; the end closes with the write.
+      [[maybe_unused]] const ssize_t said = ::write(ends[1], "pipewire", 8);
+      ::close(ends[1]);
+    } else {
+      ends[0] = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      const std::string path = self.behaviour_.pipeWireSocket.string();
+      std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+      if (ends[0] < 0 ||
+          ::connect(ends[0], reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        const int failure = -errno;
+        if (ends[0] >= 0) ::close(ends[0]);
+        return failure;
+      }
+    }
+    const int r = sd_bus_reply_method_return(m, "h", ends[0]);
+    ::close(ends[0]);
+    return r;
+  }
+
+  static int closeObject(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto& self = *static_cast<PortalStandIn*>(userdata);
+    {
+      const std::lock_guard lock(self.mutex_);
+      const std::string_view path = sd_bus_message_get_path(m);
+      ++(path.starts_with(sessionPrefix) ? self.seen_.sessionsClosed : self.seen_.requestsClosed);
+    }
+    return sd_bus_reply_method_return(m, "");
+  }
+
+  static int property(sd_bus*, const char*, const char*, const char* name, sd_bus_message* reply,
+                      void* userdata, sd_bus_error*) {
+    const auto& behaviour = static_cast<PortalStandIn*>(userdata)->behaviour_;
+    const std::string_view property(name);
+    const std::uint32_t value = property == "version"                ? behaviour.version
+                                : property == "AvailableSourceTypes" ? behaviour.sourceTypes
+                                                                     : behaviour.cursorModes;
+    return sd_bus_message_append(reply, "u", value);
+  }
+
+  static const sd_bus_vtable* screenCastVTable() {
+    static const sd_bus_vtable table[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_PROPERTY("version", "u", property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+        SD_BUS_PROPERTY("AvailableSourceTypes", "u", property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+        SD_BUS_PROPERTY("AvailableCursorModes", "u", property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+        SD_BUS_METHOD("CreateSession", "a{sv}", "o", createSession, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("SelectSources", "oa{sv}", "o", selectSources, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("Start", "osa{sv}", "o", start, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("OpenPipeWireRemote", "oa{sv}", "h", openPipeWireRemote,
+                      SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END,
+    };
+    return table;
+  }
+
+  static const sd_bus_vtable* closeVTable() {
+    static const sd_bus_vtable table[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD("Close", "", "", closeObject, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END,
+    };
+    return table;
+  }
+};
+
+PortalStandIn::PortalStandIn(const std::string& address, Behaviour behaviour)
+    : behaviour_(std::move(behaviour)), bus_(connectToBus(address)) {
+  if (behaviour_.screenCast) {
+    serve(bus_.get(), nullptr, desktopPath, "org.freedesktop.portal.ScreenCast",
+          PortalCalls::screenCastVTable(), this);
+  }
+  serve(bus_.get(), nullptr, requestPrefix, "org.freedesktop.portal.Request",
+        PortalCalls::closeVTable(), this, true);
+  serve(bus_.get(), "org.freedesktop.portal.Desktop", sessionPrefix,
+        "org.freedesktop.portal.Session", PortalCalls::closeVTable(), this, true);
+  busCheck(sd_event_new(&loop_), "sd_event_new");
+  busCheck(sd_bus_attach_event(bus_.get(), loop_, 0), "attach");
   stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  check(stopFd_ < 0 ? -errno : 0, "eventfd");
-  check(sd_event_add_io(loop_, nullptr, stopFd_, EPOLLIN, stop, this), "stop");
+  busCheck(stopFd_ < 0 ? -errno : 0, "eventfd");
+  busCheck(sd_event_add_io(loop_, nullptr, stopFd_, EPOLLIN, PortalCalls::stop, this), "stop");
   thread_ = std::thread([this] {
     sd_event_loop(loop_);
     // Leaving the loop is leaving the bus, as a portal that crashed would.
-    sd_bus_flush_close_unref(std::exchange(bus_, nullptr));
+    bus_.reset();
   });
 }
 
@@ -118,7 +221,6 @@ PortalStandIn::~PortalStandIn() {
     [[maybe_unused]] const ssize_t written = ::write(stopFd_, &one, sizeof one);
     thread_.join();
   }
-  sd_bus_flush_close_unref(bus_);
   sd_event_unref(loop_);
   if (stopFd_ >= 0) ::close(stopFd_);
 }
@@ -128,15 +230,11 @@ PortalStandIn::Seen PortalStandIn::seen() const {
   return seen_;
 }
 
-int PortalStandIn::stop(sd_event_source* source, int, std::uint32_t, void*) {
-  return sd_event_exit(sd_event_source_get_event(source), 0);
-}
-
 int PortalStandIn::respond(const std::string& request, std::uint32_t code,
                            const std::vector<std::pair<std::string, std::string>>& texts,
                            bool withStream) {
   sd_bus_message* signal = nullptr;
-  int r = sd_bus_message_new_signal(bus_, &signal, request.c_str(),
+  int r = sd_bus_message_new_signal(bus_.get(), &signal, request.c_str(),
                                     "org.freedesktop.portal.Request", "Response");
   if (r < 0) return r;
   r = sd_bus_message_append(signal, "u", code);
@@ -146,157 +244,9 @@ int PortalStandIn::respond(const std::string& request, std::uint32_t code,
   }
   if (r >= 0 && withStream) r = appendStreams(signal, behaviour_.stream);
   if (r >= 0) r = sd_bus_message_close_container(signal);
-  if (r >= 0) r = sd_bus_send(bus_, signal, nullptr);
+  if (r >= 0) r = sd_bus_send(bus_.get(), signal, nullptr);
   sd_bus_message_unref(signal);
   return r;
-}
-
-int PortalStandIn::createSession(sd_bus_message* m, void* userdata, sd_bus_error*) {
-  auto& self = *static_cast<PortalStandIn*>(userdata);
-  Options options;
-  int r = readOptions(m, options);
-  if (r < 0) return r;
-  const std::string request = requestPath(m, options);
-  const std::string session = std::string(sessionPrefix) + "/" + senderElement(m) + "/" +
-                              options.texts.at("session_handle_token");
-  r = sd_bus_reply_method_return(m, "o", request.c_str());
-  if (r < 0) return r;
-  return self.respond(request, self.behaviour_.createResponse, {{"session_handle", session}});
-}
-
-int PortalStandIn::selectSources(sd_bus_message* m, void* userdata, sd_bus_error*) {
-  auto& self = *static_cast<PortalStandIn*>(userdata);
-  const char* session = nullptr;
-  int r = sd_bus_message_read(m, "o", &session);
-  Options options;
-  if (r >= 0) r = readOptions(m, options);
-  if (r < 0) return r;
-  const auto number = [&](const char* key) -> std::optional<std::uint32_t> {
-    const auto found = options.numbers.find(key);
-    return found != options.numbers.end() ? std::optional(found->second) : std::nullopt;
-  };
-  const auto token = options.texts.find("restore_token");
-  {
-    const std::lock_guard lock(self.mutex_);
-    ++self.seen_.selects;
-    self.seen_.types = number("types").value_or(0);
-    self.seen_.cursorMode = number("cursor_mode");
-    self.seen_.persistMode = number("persist_mode");
-    const auto multiple = number("multiple");
-    self.seen_.multiple = multiple ? std::optional(*multiple != 0) : std::nullopt;
-    self.seen_.restoreToken =
-        token != options.texts.end() ? std::optional(token->second) : std::nullopt;
-  }
-  std::uint32_t code = self.behaviour_.selectResponse;
-  if (self.behaviour_.requireLastToken && !self.lastToken_.empty() &&
-      (token == options.texts.end() || token->second != self.lastToken_)) {
-    code = 2;
-  }
-  const std::string request = requestPath(m, options);
-  r = sd_bus_reply_method_return(m, "o", request.c_str());
-  return r < 0 ? r : self.respond(request, code, {});
-}
-
-int PortalStandIn::start(sd_bus_message* m, void* userdata, sd_bus_error*) {
-  auto& self = *static_cast<PortalStandIn*>(userdata);
-  const char* session = nullptr;
-  const char* parent = nullptr;
-  int r = sd_bus_message_read(m, "os", &session, &parent);
-  Options options;
-  if (r >= 0) r = readOptions(m, options);
-  if (r < 0) return r;
-  const std::string request = requestPath(m, options);
-  r = sd_bus_reply_method_return(m, "o", request.c_str());
-  if (r < 0) return r;
-  switch (self.behaviour_.start) {
-    case Behaviour::Start::ignore:
-      return 0;
-    case Behaviour::Start::vanish:
-      return sd_event_exit(self.loop_, 0);
-    case Behaviour::Start::answer:
-      break;
-  }
-  std::vector<std::pair<std::string, std::string>> texts;
-  if (self.behaviour_.handOutTokens && self.behaviour_.startResponse == 0) {
-    self.lastToken_ = "token-" + std::to_string(++self.tokens_);
-    texts.emplace_back("restore_token", self.lastToken_);
-  }
-  return self.respond(request, self.behaviour_.startResponse, texts, true);
-}
-
-int PortalStandIn::openPipeWireRemote(sd_bus_message* m, void* userdata, sd_bus_error*) {
-  auto& self = *static_cast<PortalStandIn*>(userdata);
-  int ends[2] = {-1, -1};
-  if (self.behaviour_.pipeWireSocket.empty()) {
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return -errno;
-    // What the client reads proves it holds this connection; the end closes with the write.
-    [[maybe_unused]] const ssize_t said = ::write(ends[1], "pipewire", 8);
-    ::close(ends[1]);
-  } else {
-    ends[0] = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = self.behaviour_.pipeWireSocket.string();
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (ends[0] < 0 ||
-        ::connect(ends[0], reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-      const int failure = -errno;
-      if (ends[0] >= 0) ::close(ends[0]);
-      return failure;
-    }
-  }
-  const int r = sd_bus_reply_method_return(m, "h", ends[0]);
-  ::close(ends[0]);
-  return r;
-}
-
-int PortalStandIn::closeObject(sd_bus_message* m, void* userdata, sd_bus_error*) {
-  auto& self = *static_cast<PortalStandIn*>(userdata);
-  {
-    const std::lock_guard lock(self.mutex_);
-    const std::string_view path = sd_bus_message_get_path(m);
-    ++(path.starts_with(sessionPrefix) ? self.seen_.sessionsClosed : self.seen_.requestsClosed);
-  }
-  return sd_bus_reply_method_return(m, "");
-}
-
-int PortalStandIn::property(sd_bus*, const char*, const char*, const char* name,
-                            sd_bus_message* reply, void* userdata, sd_bus_error*) {
-  const auto& behaviour = static_cast<PortalStandIn*>(userdata)->behaviour_;
-  const std::string_view property(name);
-  const std::uint32_t value = property == "version"                ? behaviour.version
-                              : property == "AvailableSourceTypes" ? behaviour.sourceTypes
-                                                                   : behaviour.cursorModes;
-  return sd_bus_message_append(reply, "u", value);
-}
-
-const sd_bus_vtable* PortalStandIn::screenCastVTable() {
-  static const sd_bus_vtable table[] = {
-      SD_BUS_VTABLE_START(0),
-      SD_BUS_PROPERTY("version", "u", PortalStandIn::property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
-      SD_BUS_PROPERTY("AvailableSourceTypes", "u", PortalStandIn::property, 0,
-                      SD_BUS_VTABLE_PROPERTY_CONST),
-      SD_BUS_PROPERTY("AvailableCursorModes", "u", PortalStandIn::property, 0,
-                      SD_BUS_VTABLE_PROPERTY_CONST),
-      SD_BUS_METHOD("CreateSession", "a{sv}", "o", PortalStandIn::createSession,
-                    SD_BUS_VTABLE_UNPRIVILEGED),
-      SD_BUS_METHOD("SelectSources", "oa{sv}", "o", PortalStandIn::selectSources,
-                    SD_BUS_VTABLE_UNPRIVILEGED),
-      SD_BUS_METHOD("Start", "osa{sv}", "o", PortalStandIn::start, SD_BUS_VTABLE_UNPRIVILEGED),
-      SD_BUS_METHOD("OpenPipeWireRemote", "oa{sv}", "h", PortalStandIn::openPipeWireRemote,
-                    SD_BUS_VTABLE_UNPRIVILEGED),
-      SD_BUS_VTABLE_END,
-  };
-  return table;
-}
-
-const sd_bus_vtable* PortalStandIn::closeVTable() {
-  static const sd_bus_vtable table[] = {
-      SD_BUS_VTABLE_START(0),
-      SD_BUS_METHOD("Close", "", "", PortalStandIn::closeObject, SD_BUS_VTABLE_UNPRIVILEGED),
-      SD_BUS_VTABLE_END,
-  };
-  return table;
 }
 
 }  // namespace orin::test

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/BusPeer.h"
+
 namespace orin::test {
 
 // Plays the desktop portal's ScreenCast interface, with its Request and Session objects, on a
@@ -62,23 +64,14 @@ class PortalStandIn {
   Seen seen() const;
 
  private:
-  static int createSession(sd_bus_message* m, void* userdata, sd_bus_error* error);
-  static int selectSources(sd_bus_message* m, void* userdata, sd_bus_error* error);
-  static int start(sd_bus_message* m, void* userdata, sd_bus_error* error);
-  static int openPipeWireRemote(sd_bus_message* m, void* userdata, sd_bus_error* error);
-  static int closeObject(sd_bus_message* m, void* userdata, sd_bus_error* error);
-  static int property(sd_bus* bus, const char* path, const char* interface, const char* name,
-                      sd_bus_message* reply, void* userdata, sd_bus_error* error);
-  static const sd_bus_vtable* screenCastVTable();
-  static const sd_bus_vtable* closeVTable();
-  static int stop(sd_event_source* source, int fd, std::uint32_t events, void* userdata);
+  friend struct PortalCalls;  // what the bus calls
 
   int respond(const std::string& request, std::uint32_t code,
               const std::vector<std::pair<std::string, std::string>>& texts,
               bool withStream = false);
 
   const Behaviour behaviour_;
-  sd_bus* bus_ = nullptr;
+  sdbus::Bus bus_;
   sd_event* loop_ = nullptr;
   int stopFd_ = -1;
   std::string lastToken_;

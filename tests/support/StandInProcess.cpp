@@ -4,6 +4,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include <boost/algorithm/string/case_conv.hpp>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -51,14 +52,15 @@ bool StandInProcess::waitFor(const nlohmann::json& until, int timeoutMillisecond
 
 HTTPReply httpExchange(std::uint16_t port, const std::string& method, const std::string& target,
                        const std::string& body,
-                       const std::vector<std::pair<std::string, std::string>>& headers) {
+                       const std::vector<std::pair<std::string, std::string>>& headers,
+                       bool defaultHost) {
   namespace asio = boost::asio;
   namespace http = boost::beast::http;
   asio::io_context context;
   asio::ip::tcp::socket socket(context);
   socket.connect({asio::ip::address_v4::loopback(), port});
   http::request<http::string_body> request(http::string_to_verb(method), target, 11);
-  request.set(http::field::host, "127.0.0.1:" + std::to_string(port));
+  if (defaultHost) request.set(http::field::host, "127.0.0.1:" + std::to_string(port));
   if (!body.empty()) request.set(http::field::content_type, "application/json");
   for (const auto& [name, value] : headers)
     request.set(name, value);
@@ -69,8 +71,11 @@ HTTPReply httpExchange(std::uint16_t port, const std::string& method, const std:
   http::response<http::string_body> response;
   boost::system::error_code ec;
   http::read(socket, buffer, response, ec);
-  if (ec) return {0, {}};
-  return {static_cast<int>(response.result_int()), response.body()};
+  if (ec) return {};
+  HTTPReply reply{static_cast<int>(response.result_int()), response.body()};
+  for (const auto& field : response)
+    reply.fields[boost::algorithm::to_lower_copy(std::string(field.name_string()))] = field.value();
+  return reply;
 }
 
 }  // namespace orin::testing_support

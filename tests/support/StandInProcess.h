@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,14 +42,21 @@ class StandInProcess {
   std::uint16_t port_ = 0;
 };
 
-// One HTTP/1.1 exchange with a loopback port: the status and the body; status 0 when the
-// connection closed without a reply.
+// One HTTP/1.1 exchange with a loopback port: the status, the fields and the body; status 0
+// when the connection closed without a reply. Without `defaultHost` only the given fields go.
 struct HTTPReply {
   int status = 0;
   std::string body;
+  std::map<std::string, std::string> fields{};  // names lower-cased
+
+  std::string field(const std::string& name) const {
+    const auto it = fields.find(name);
+    return it == fields.end() ? std::string() : it->second;
+  }
 };
 HTTPReply httpExchange(std::uint16_t port, const std::string& method, const std::string& target,
                        const std::string& body = {},
-                       const std::vector<std::pair<std::string, std::string>>& headers = {});
+                       const std::vector<std::pair<std::string, std::string>>& headers = {},
+                       bool defaultHost = true);
 
 }  // namespace orin::testing_support

@@ -1,25 +1,10 @@
 #include "tests/support/WaylandSessionProcess.h"
 
-#include <map>
-#include <sstream>
 #include <unistd.h>
 
 #include "tests/support/XServerProcess.h"
 
 namespace orin::testing_support {
-namespace {
-
-// The script quotes values with printf %q, which only puts backslashes before characters.
-std::string unquoted(const std::string& word) {
-  std::string text;
-  for (std::size_t i = 0; i < word.size(); ++i) {
-    if (word[i] == '\\' && i + 1 < word.size()) ++i;
-    text += word[i];
-  }
-  return text;
-}
-
-}  // namespace
 
 std::optional<std::string> WaylandSessionProcess::unavailable() {
   for (const char* program : {"dbus-daemon", "dbus-send", "pipewire", "pw-cli", "wireplumber",
@@ -36,24 +21,16 @@ std::unique_ptr<WaylandSessionProcess> WaylandSessionProcess::start(const Option
   if (!options.compositor) command += " --no-compositor";
   if (options.patternFramesPerSecond > 0)
     command += " --pattern " + std::to_string(options.patternFramesPerSecond);
-  const auto [exports, status] = runShell(command);
-
+  const auto [output, status] = runShell(command);
+  auto values = exportsOf(output);
   auto session = std::unique_ptr<WaylandSessionProcess>(new WaylandSessionProcess);
-  std::map<std::string, std::string*> fields = {{"DBUS_SESSION_BUS_ADDRESS", &session->busAddress_},
-                                                {"XDG_RUNTIME_DIR", &session->runtimeDir_},
-                                                {"WAYLAND_DISPLAY", &session->waylandDisplay_},
-                                                {"DISPLAY", &session->xDisplay_},
-                                                {"XAUTHORITY", &session->xauthority_},
-                                                {"ORIN_WAYLAND_PID", &session->pid_},
-                                                {"ORIN_WAYLAND_DIR", &session->directory_}};
-  std::istringstream words(exports);
-  for (std::string word; words >> word;) {
-    if (!word.empty() && word.back() == ';') word.pop_back();
-    const auto at = word.find('=');
-    if (at == std::string::npos) continue;
-    if (auto field = fields.find(word.substr(0, at)); field != fields.end())
-      *field->second = unquoted(word.substr(at + 1));
-  }
+  session->busAddress_ = values["DBUS_SESSION_BUS_ADDRESS"];
+  session->runtimeDir_ = values["XDG_RUNTIME_DIR"];
+  session->waylandDisplay_ = values["WAYLAND_DISPLAY"];
+  session->xDisplay_ = values["DISPLAY"];
+  session->xauthority_ = values["XAUTHORITY"];
+  session->pid_ = values["ORIN_WAYLAND_PID"];
+  session->directory_ = values["ORIN_WAYLAND_DIR"];
   if (status != 0 || session->pid_.empty() || session->busAddress_.empty()) return nullptr;
   return session;
 }

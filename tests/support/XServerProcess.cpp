@@ -30,19 +30,12 @@ std::unique_ptr<XServerProcess> XServerProcess::start(const Options& options) {
   if (options.kind == XServerKind::xorgDummy) command += " --xorg";
   if (options.patternFramesPerSecond > 0)
     command += " --pattern " + std::to_string(options.patternFramesPerSecond);
-  const auto [exports, status] = runShell(command);
-
+  const auto [output, status] = runShell(command);
+  auto values = exportsOf(output);
   auto server = std::unique_ptr<XServerProcess>(new XServerProcess);
-  std::istringstream words(exports);
-  for (std::string word; words >> word;) {
-    const auto at = word.find('=');
-    if (at == std::string::npos) continue;
-    const std::string key = word.substr(0, at);
-    const std::string value = word.substr(at + 1);
-    if (key == "DISPLAY") server->display_ = value;
-    if (key == "ORIN_XSERVER_PID") server->pid_ = value;
-    if (key == "ORIN_XSERVER_DIR") server->directory_ = value;
-  }
+  server->display_ = values["DISPLAY"];
+  server->pid_ = values["ORIN_XSERVER_PID"];
+  server->directory_ = values["ORIN_XSERVER_DIR"];
   if (status != 0 || server->display_.empty() || server->pid_.empty()) return nullptr;
   return server;
 }
@@ -70,6 +63,23 @@ std::string shellQuoted(const std::string& text) {
   for (char c : text)
     quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return quoted + "'";
+}
+
+std::map<std::string, std::string> exportsOf(const std::string& output) {
+  std::map<std::string, std::string> values;
+  std::istringstream words(output);
+  for (std::string word; words >> word;) {
+    if (word.back() == ';') word.pop_back();
+    const auto at = word.find('=');
+    if (at == std::string::npos) continue;
+    // printf %q only puts backslashes before characters.
+    std::string& value = values[word.substr(0, at)];
+    for (std::size_t i = at + 1; i < word.size(); ++i) {
+      if (word[i] == '\\' && i + 1 < word.size()) ++i;
+      value += word[i];
+    }
+  }
+  return values;
 }
 
 std::pair<std::string, int> runShell(const std::string& command) {

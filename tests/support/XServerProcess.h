@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -48,6 +49,8 @@ std::string unservedDisplay();
 
 bool onPath(const std::string& program);
 std::string shellQuoted(const std::string& text);
+// The variables a start script prints as `export NAME=value...`, the values quoted by printf %q.
+std::map<std::string, std::string> exportsOf(const std::string& output);
 // Runs `command` with sh: its standard output and wait status.
 std::pair<std::string, int> runShell(const std::string& command);
 

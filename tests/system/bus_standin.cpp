@@ -9,22 +9,17 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <set>
 #include <string>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
-#include <vector>
+
+#include "tests/support/BusPeer.h"
 
 namespace {
 
-struct Options {
-  bool logind = false;
-  bool portal = false;
-  bool notifications = false;
-  std::string refuseInhibit;
-};
-
-Options options;
+std::string refuseInhibit;
 sd_event* loop = nullptr;
 int inhibitors = 0;
 int portalRequests = 0;
@@ -51,8 +46,8 @@ int inhibit(sd_bus_message* m, void*, sd_bus_error* error) {
   int r = sd_bus_message_read(m, "ssss", &what, &who, &why, &mode);
   if (r < 0) return r;
   report(std::string("inhibit what=") + what + " who=" + who + " why=" + why + " mode=" + mode);
-  if (!options.refuseInhibit.empty()) {
-    return sd_bus_error_set(error, options.refuseInhibit.c_str(), "Refused by the stand-in");
+  if (!refuseInhibit.empty()) {
+    return sd_bus_error_set(error, refuseInhibit.c_str(), "Refused by the stand-in");
   }
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) return -errno;
@@ -68,27 +63,11 @@ int inhibit(sd_bus_message* m, void*, sd_bus_error* error) {
 int portalInhibit(sd_bus_message* m, void*, sd_bus_error*) {
   const char* window = nullptr;
   std::uint32_t flags = 0;
+  orin::test::VarDict details;
   int r = sd_bus_message_read(m, "su", &window, &flags);
+  if (r >= 0) r = orin::test::readVarDict(m, details);
   if (r < 0) return r;
-  std::string reason;
-  r = sd_bus_message_enter_container(m, 'a', "{sv}");
-  if (r < 0) return r;
-  while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
-    const char* key = nullptr;
-    r = sd_bus_message_read(m, "s", &key);
-    if (r < 0) return r;
-    if (std::strcmp(key, "reason") == 0) {
-      const char* text = nullptr;
-      r = sd_bus_message_read(m, "v", "s", &text);
-      if (r < 0) return r;
-      reason = text;
-    } else {
-      r = sd_bus_message_skip(m, "v");
-      if (r < 0) return r;
-    }
-    sd_bus_message_exit_container(m);
-  }
-  sd_bus_message_exit_container(m);
+  const std::string reason = details.texts["reason"];
   const std::string handle =
       "/org/freedesktop/portal/desktop/request/standin/t" + std::to_string(++portalRequests);
   report("portal-inhibit flags=" + std::to_string(flags) + " reason=" + reason +
@@ -154,60 +133,36 @@ int fail(const char* what, int r) {
 
 int main(int argc, char** argv) {
   if (argc < 2) return fail("usage: bus_standin ADDRESS [options]", -EINVAL);
+  std::set<std::string> services;
   for (int i = 2; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "--logind") {
-      options.logind = true;
-    } else if (arg == "--portal") {
-      options.portal = true;
-    } else if (arg == "--notifications") {
-      options.notifications = true;
-    } else if (arg == "--refuse-inhibit" && i + 1 < argc) {
-      options.refuseInhibit = argv[++i];
+    if (arg == "--refuse-inhibit" && i + 1 < argc) {
+      refuseInhibit = argv[++i];
+    } else if (arg == "--logind" || arg == "--portal" || arg == "--notifications") {
+      services.insert(arg);
     } else {
       return fail(argv[i], -EINVAL);
     }
   }
-  sd_bus* bus = nullptr;
-  int r = sd_bus_new(&bus);
-  if (r < 0) return fail("sd_bus_new", r);
-  sd_bus_set_address(bus, argv[1]);
-  sd_bus_set_bus_client(bus, 1);
-  sd_bus_negotiate_fds(bus, 1);
-  r = sd_bus_start(bus);
-  if (r < 0) return fail("connect", r);
-  r = sd_event_default(&loop);
+  const orin::sdbus::Bus bus = orin::test::connectToBus(argv[1]);
+  int r = sd_event_default(&loop);
   if (r < 0) return fail("sd_event_default", r);
-  r = sd_bus_attach_event(bus, loop, 0);
+  r = sd_bus_attach_event(bus.get(), loop, 0);
   if (r < 0) return fail("attach", r);
-
-  struct Export {
-    bool wanted;
-    const char* name;
-    const char* path;
-    const char* interface;
-    const sd_bus_vtable* vtable;
-  };
-  const std::vector<Export> exports = {
-      {options.logind, "org.freedesktop.login1", "/org/freedesktop/login1",
-       "org.freedesktop.login1.Manager", logindVTable},
-      {options.portal, "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
-       "org.freedesktop.portal.Inhibit", portalVTable},
-      {options.notifications, "org.freedesktop.Notifications", "/org/freedesktop/Notifications",
-       "org.freedesktop.Notifications", notificationsVTable},
-  };
-  for (const auto& e : exports) {
-    if (!e.wanted) continue;
-    r = sd_bus_add_object_vtable(bus, nullptr, e.path, e.interface, e.vtable, nullptr);
-    if (r < 0) return fail(e.interface, r);
-    r = sd_bus_request_name(bus, e.name, 0);
-    if (r < 0) return fail(e.name, r);
+  using orin::test::serve;
+  if (services.contains("--logind")) {
+    serve(bus.get(), "org.freedesktop.login1", "/org/freedesktop/login1",
+          "org.freedesktop.login1.Manager", logindVTable);
   }
-  if (options.portal) {
-    r = sd_bus_add_fallback_vtable(bus, nullptr, "/org/freedesktop/portal/desktop/request",
-                                   "org.freedesktop.portal.Request", requestVTable, nullptr,
-                                   nullptr);
-    if (r < 0) return fail("request objects", r);
+  if (services.contains("--portal")) {
+    serve(bus.get(), "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
+          "org.freedesktop.portal.Inhibit", portalVTable);
+    serve(bus.get(), nullptr, "/org/freedesktop/portal/desktop/request",
+          "org.freedesktop.portal.Request", requestVTable, nullptr, true);
+  }
+  if (services.contains("--notifications")) {
+    serve(bus.get(), "org.freedesktop.Notifications", "/org/freedesktop/Notifications",
+          "org.freedesktop.Notifications", notificationsVTable);
   }
   report("ready");
   r = sd_event_loop(loop);

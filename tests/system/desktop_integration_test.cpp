@@ -1,5 +1,3 @@
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -221,14 +219,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 // desktop-file-validate's verdict, or nothing when it is not installed.
 std::optional<std::string> validationProblems(const std::filesystem::path& entry) {
-  if (std::system("command -v desktop-file-validate >/dev/null") != 0) return std::nullopt;
-  FILE* report = ::popen(("desktop-file-validate '" + entry.string() + "' 2>&1").c_str(), "r");
-  std::string text;
-  char buffer[512];
-  while (std::fgets(buffer, sizeof buffer, report) != nullptr)
-    text += buffer;
-  ::pclose(report);
-  return text;
+  ChildProcess validate({"desktop-file-validate", entry.string()});
+  if (validate.waitForExit() == 127) return std::nullopt;
+  return validate.output();
 }
 
 std::filesystem::path selfExecutable() {
